@@ -1,0 +1,106 @@
+// The one layer between the library and the OS: threads, mutexes, counting semaphores, sockets
+// with time-outs, text conversions and paths. Every function is static and keeps no state of its
+// own (except Inet_ntoa's lock and the cached current directory), so any thread may call any of
+// them; callers serialise the use of one socket themselves.
+//
+// Results: 0 success and 1 failure unless a function says otherwise. Socket functions return 1
+// done, 0 time-out and a negative value on error.
+#ifndef PELK_COMMONLIB_OSAL_H
+#define PELK_COMMONLIB_OSAL_H
+
+#include <netinet/in.h>
+#include <pthread.h>
+#include <semaphore.h>
+
+#include <cstdint>
+#include <string>
+
+#define OSAL_INVALID_SOCKET (-1)
+
+namespace PELK {
+namespace Common {
+
+class OSAbstractLayer {
+public:
+    // ---- Threads, mutexes, semaphores ----------------------------------------------------
+
+    // Starts fn(arg) on a new joinable thread and stores its handle in *thread.
+    static int osal_create_thread(long* thread, unsigned int (*fn)(void*), void* arg);
+    static int osal_join_thread(long* thread);
+    // Does nothing: the library's threads detach themselves.
+    static void osal_destroy_thread(long* thread);
+    // Detaches the calling thread, so that nobody needs to join it.
+    static int osal_detach_current_thread();
+    static void osal_sleep_ms(int ms);
+    // Seconds of a monotonic clock: immune to wall-clock changes, for measuring time-outs.
+    static long osal_monotonic_seconds();
+
+    // Default, non-recursive mutexes: locking one that the thread holds already blocks.
+    static int osal_init_mutex(pthread_mutex_t* mutex);
+    static int osal_destroy_mutex(pthread_mutex_t* mutex);
+    // Always 0, whatever the lock did: callers' failure branches are dead; kept deliberately.
+    static int osal_lock_mutex(pthread_mutex_t* mutex);
+    static int osal_unlock_mutex(pthread_mutex_t* mutex);
+
+    // A "cond" here is a process-private counting semaphore with initial count 0: locking
+    // takes one count (waiting for it), unlocking posts one.
+    static int osal_init_cond(sem_t* sem);
+    static int osal_destroy_cond(sem_t* sem);
+    static int osal_unlock_cond(sem_t* sem);
+    // seconds == -1 waits without limit. Results as osal_lock_cond_ms.
+    static int osal_lock_cond(sem_t* sem, int seconds);
+    // 0 signalled, 2 timed out, 1 error; ms == -1 waits without limit. The deadline is taken
+    // on the real-time clock.
+    static int osal_lock_cond_ms(sem_t* sem, int ms);
+
+    // ---- Sockets (a socket is a long; OSAL_INVALID_SOCKET when closed) ----------------------
+    // Time-outs are in seconds; a negative time-out waits without limit.
+
+    // >0 readable, 0 time-out, <0 error (-1 for an invalid socket).
+    static int osal_socketReadable(long sock, int seconds, int microseconds);
+    // >0 writable, 0 time-out, <0 error (-1 for an invalid socket).
+    static int osal_socketWritable(long sock, int seconds);
+    // False once the peer has closed or reset the connection; pending input is not consumed.
+    static bool osal_socketAvailable(long sock);
+    static bool osal_socketConnected(long sock, int seconds);
+    // Sends the whole buffer: 1 all sent, 0 time-out (*sent = bytes sent so far), -1 error or
+    // peer gone. Checks the peer before every step. Never raises SIGPIPE.
+    static int osal_sendn(long sock, const char* buffer, int length, int flags, int seconds, int* sent);
+    // As osal_sendn without the peer check.
+    static int osal_simple_sendn(long sock, const char* buffer, int length, int flags, int seconds, int* sent);
+    // Receives exactly length bytes: 1 done, 0 time-out (*received = bytes so far), -1 peer
+    // closed, -2 error or invalid socket.
+    static int osal_recvn(long sock, char* buffer, int length, int flags, int seconds, int* received);
+    // 0 with *open set, 1 on bad input or when no socket can be created.
+    static int osal_checkPortOpen(const char* host, int port, bool* open);
+    static int osal_checkLocalPortOpen(int port, bool* open);
+
+    // ---- Text and paths ------------------------------------------------------------------
+    // Byte-for-byte widening and narrowing, not a character-set conversion. maxChars counts
+    // the destination's characters including the terminator.
+    static int osal_local_to_unicode(const char* src, wchar_t* dst, int maxChars);
+    static int osal_utf8_to_unicode(const char* src, wchar_t* dst, int maxChars);
+    // Narrowing stops where the destination held a 0 byte before the call: pre-fill it.
+    static int osal_unicode_to_local(const wchar_t* src, char* dst, int maxChars);
+    static int osal_unicode_to_utf8(const wchar_t* src, char* dst, int maxChars);
+    static int osal_local_to_utf8(const char* src, char*& dst, int& maxChars);
+    static int osal_utf8_to_local(const char* src, char*& dst, int& maxChars);
+
+    // Resolves "./" and "../" prefixes against the current directory; "" when it cannot.
+    static std::string osal_getAbsolutePath(const char* path);
+    // The current directory, cached; points at a static 260-byte buffer; null if unknown.
+    static const char* osal_getProgramPath();
+    // Clears the cached directory, then changes to path; chdir's result.
+    static int osal_setCurrentPath(const char* path);
+    // *type = 4 for a directory, 3 otherwise.
+    static int osal_file_type(const char* path, int* type);
+    static int64_t osal_atoi64(const char* text);
+};
+
+// Dotted text of an IPv4 address; safe from any thread.
+std::string Inet_ntoa(struct in_addr address);
+
+}  // namespace Common
+}  // namespace PELK
+
+#endif  // PELK_COMMONLIB_OSAL_H

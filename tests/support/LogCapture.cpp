@@ -1,0 +1,79 @@
+#include "support/LogCapture.h"
+
+#include <mutex>
+
+#include "CommonLib/LogSink.h"
+#include "CommonLib/ZTLogger.h"
+
+namespace pelktest {
+
+const char* const kQuietPropertyFile = "/nonexistent/pelk-test/log.properties";
+
+namespace {
+
+std::mutex g_linesMutex;
+std::vector<std::string> g_lines;
+
+void recordLine(int, const char*, const char* text) {
+    std::lock_guard<std::mutex> guard(g_linesMutex);
+    g_lines.emplace_back(text);
+}
+
+}  // namespace
+
+LogCapture::LogCapture(int mode, int level, const std::string& extraProperties)
+    : m_dir(new TempDir()), m_active(false) {
+    start("loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) + "\n" +
+          extraProperties);
+}
+
+LogCapture::LogCapture(RawTag, const std::string& properties) : m_dir(new TempDir()), m_active(false) {
+    start(properties);
+}
+
+LogCapture LogCapture::withProperties(const std::string& properties) {
+    return LogCapture(RawTag{}, properties);
+}
+
+void LogCapture::start(const std::string& properties) {
+    m_propertyPath = m_dir->write("log.properties", properties);
+    PELK::Common::ZTLogger::destroyDefaultLogger();
+    PELK::Common::setPropertyFilePathForTesting(m_propertyPath.c_str());
+    PELK::Common::setAndroidLogSinkForTesting(recordLine);
+    clear();
+    PELK::Common::ZTLogger::getDefaultLogger();
+    m_active = true;
+}
+
+LogCapture::~LogCapture() {
+    if (m_active) {
+        PELK::Common::ZTLogger::destroyDefaultLogger();
+        PELK::Common::setAndroidLogSinkForTesting(nullptr);
+        PELK::Common::setPropertyFilePathForTesting(kQuietPropertyFile);
+        clear();
+    }
+    delete m_dir;
+}
+
+std::vector<std::string> LogCapture::lines() const {
+    std::lock_guard<std::mutex> guard(g_linesMutex);
+    return g_lines;
+}
+
+size_t LogCapture::count(const std::string& fragment) const {
+    std::lock_guard<std::mutex> guard(g_linesMutex);
+    size_t found = 0;
+    for (const std::string& line : g_lines) {
+        if (line.find(fragment) != std::string::npos) {
+            ++found;
+        }
+    }
+    return found;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> guard(g_linesMutex);
+    g_lines.clear();
+}
+
+}  // namespace pelktest

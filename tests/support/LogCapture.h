@@ -1,0 +1,49 @@
+// Turns the logger on for one test and records every Android-log line it writes.
+// The logger is rebuilt from a property file in a private temp directory, so nothing is read
+// from or written to the device paths. One LogCapture at a time; REQUIRES: no library thread is
+// logging while a LogCapture is created or destroyed (the logger is rebuilt then).
+#ifndef PELK_TESTS_LOGCAPTURE_H
+#define PELK_TESTS_LOGCAPTURE_H
+
+#include <string>
+#include <vector>
+
+#include "support/TempDir.h"
+
+namespace pelktest {
+
+// A property file that cannot exist: a logger built from it is quiet, as on a device without one.
+extern const char* const kQuietPropertyFile;
+
+class LogCapture {
+public:
+    // mode and level as in the property file (1 = Android log only, 3 = debug).
+    // extraProperties is appended to the generated file verbatim.
+    explicit LogCapture(int mode = 1, int level = 3, const std::string& extraProperties = "");
+    // Rebuilds the logger from exactly this property file text.
+    static LogCapture withProperties(const std::string& properties);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    // Every line written so far (each a whole line as the logger built it).
+    std::vector<std::string> lines() const;
+    // Number of lines containing fragment.
+    size_t count(const std::string& fragment) const;
+    bool contains(const std::string& fragment) const { return count(fragment) > 0; }
+    void clear();
+    const TempDir& dir() const { return *m_dir; }
+
+private:
+    struct RawTag {};
+    LogCapture(RawTag, const std::string& properties);
+    void start(const std::string& properties);
+
+    TempDir* m_dir;
+    std::string m_propertyPath;
+    bool m_active;
+};
+
+}  // namespace pelktest
+
+#endif  // PELK_TESTS_LOGCAPTURE_H

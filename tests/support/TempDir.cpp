@@ -1,0 +1,48 @@
+#include "support/TempDir.h"
+
+#include <ftw.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <vector>
+
+namespace pelktest {
+
+namespace {
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/pelk-test-XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (mkdtemp(buffer.data()) != nullptr) {
+        m_path = buffer.data();
+    }
+}
+
+TempDir::~TempDir() {
+    if (!m_path.empty()) {
+        nftw(m_path.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+}
+
+std::string TempDir::file(const std::string& name) const {
+    return m_path + "/" + name;
+}
+
+std::string TempDir::write(const std::string& name, const std::string& content) const {
+    std::string full = file(name);
+    std::ofstream out(full, std::ios::binary | std::ios::trunc);
+    out << content;
+    return full;
+}
+
+}  // namespace pelktest

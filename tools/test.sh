@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Configures a build, builds everything and runs the test suites.
+#   tools/test.sh            plain build in build/, all suites
+#   tools/test.sh --quick    only the quick suites
+#   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+label=full
+if [ "${1:-}" = "--quick" ]; then
+  label=quick
+fi
+
+build_dir=build
+options=()
+case "${PELK_SANITIZER:-}" in
+  asan) build_dir=build-asan; options+=(-DPELK_ASAN=ON) ;;
+  tsan) build_dir=build-tsan; options+=(-DPELK_TSAN=ON) ;;
+  "") ;;
+  *) echo "unknown PELK_SANITIZER=${PELK_SANITIZER}" >&2; exit 2 ;;
+esac
+
+generator=()
+if command -v ninja >/dev/null 2>&1; then
+  generator=(-G Ninja)
+fi
+if [ ! -f "$build_dir/CMakeCache.txt" ]; then
+  cmake -S . -B "$build_dir" "${generator[@]}" "${options[@]}"
+fi
+cmake --build "$build_dir" --parallel "$(nproc)"
+ctest --test-dir "$build_dir" -L "$label" --output-on-failure --parallel "$(nproc)"
