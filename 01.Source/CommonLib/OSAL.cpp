@@ -522,6 +522,39 @@ int OSAbstractLayer::osal_checkLocalPortOpen(int port, bool* open) {
     return osal_checkPortOpen("127.0.0.1", port, open);
 }
 
+long OSAbstractLayer::osal_create_tcp_socket() {
+    int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    return sock < 0 ? OSAL_INVALID_SOCKET : static_cast<long>(sock);
+}
+
+int OSAbstractLayer::osal_connect(long sock, const char* host, int port) {
+    if (isInvalidSocket(sock) || host == nullptr || port < 0 || port > 65535) {
+        errno = EINVAL;
+        return 1;
+    }
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = inet_addr(host);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return connect(static_cast<int>(sock), reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0 ? 0 : 1;
+}
+
+int OSAbstractLayer::osal_close_socket(long sock) {
+    return isInvalidSocket(sock) ? 1 : (close(static_cast<int>(sock)) == 0 ? 0 : 1);
+}
+
+int OSAbstractLayer::osal_peek(long sock, char* buffer, int length) {
+    if (isInvalidSocket(sock) || buffer == nullptr || length < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    ssize_t result;
+    do {
+        result = recv(static_cast<int>(sock), buffer, static_cast<size_t>(length), MSG_PEEK | MSG_DONTWAIT);
+    } while (result < 0 && errno == EINTR);
+    return static_cast<int>(result);
+}
+
 std::string Inet_ntoa(struct in_addr address) {
     // inet_ntoa returns a shared static buffer, so conversions take turns.
     static pthread_mutex_t* lock = [] {

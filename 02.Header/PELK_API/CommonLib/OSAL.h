@@ -74,6 +74,14 @@ public:
     // 0 with *open set, 1 on bad input or when no socket can be created.
     static int osal_checkPortOpen(const char* host, int port, bool* open);
     static int osal_checkLocalPortOpen(int port, bool* open);
+    // A new IPv4 stream socket (close-on-exec), or OSAL_INVALID_SOCKET with errno set.
+    static long osal_create_tcp_socket();
+    // Blocking connect to a dotted IPv4 address: 0, or 1 with errno set.
+    static int osal_connect(long sock, const char* host, int port);
+    static int osal_close_socket(long sock);
+    // Copies up to length waiting bytes without consuming them and without blocking;
+    // recv's result (0 once the peer has closed, -1 with errno set on error).
+    static int osal_peek(long sock, char* buffer, int length);
 
     // ---- Text and paths ------------------------------------------------------------------
     // Byte-for-byte widening and narrowing, not a character-set conversion. maxChars counts

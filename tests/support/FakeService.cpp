@@ -1,0 +1,373 @@
+#include "support/FakeService.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+
+namespace pelktest {
+
+namespace {
+
+int64_t nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+uint32_t readLittleEndian32(const uint8_t* at) {
+    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
+           static_cast<uint32_t>(at[3]) << 24;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Body building
+
+BodyBuilder& BodyBuilder::i32(int32_t value) {
+    const uint32_t bits = static_cast<uint32_t>(value);
+    for (int i = 0; i < 4; ++i) {
+        m_bytes.push_back(static_cast<uint8_t>(bits >> (8 * i)));
+    }
+    return *this;
+}
+
+BodyBuilder& BodyBuilder::u64(uint64_t value) {
+    for (int i = 0; i < 8; ++i) {
+        m_bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    }
+    return *this;
+}
+
+BodyBuilder& BodyBuilder::u8(uint8_t value) {
+    m_bytes.push_back(value);
+    return *this;
+}
+
+BodyBuilder& BodyBuilder::text(const std::string& value, size_t fieldSize) {
+    for (size_t i = 0; i < fieldSize; ++i) {
+        m_bytes.push_back(i < value.size() ? static_cast<uint8_t>(value[i]) : 0);
+    }
+    return *this;
+}
+
+BodyBuilder& BodyBuilder::zeros(size_t count) {
+    m_bytes.insert(m_bytes.end(), count, 0);
+    return *this;
+}
+
+BodyBuilder& BodyBuilder::bytes(const Bytes& value) {
+    m_bytes.insert(m_bytes.end(), value.begin(), value.end());
+    return *this;
+}
+
+Bytes body(int32_t actionID, std::initializer_list<int32_t> words) {
+    BodyBuilder builder(actionID);
+    for (int32_t word : words) {
+        builder.i32(word);
+    }
+    return builder.build();
+}
+
+Bytes frame(const Bytes& messageBody) {
+    Bytes result;
+    const uint32_t length = static_cast<uint32_t>(messageBody.size());
+    for (int i = 0; i < 4; ++i) {
+        result.push_back(static_cast<uint8_t>(length >> (8 * i)));
+    }
+    result.insert(result.end(), messageBody.begin(), messageBody.end());
+    return result;
+}
+
+int32_t actionIdOf(const Bytes& messageBody) {
+    return messageBody.size() < 4 ? -1 : static_cast<int32_t>(readLittleEndian32(messageBody.data()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// FakeService
+
+FakeService::FakeService() {
+    if (pipe2(m_wakeFds, O_CLOEXEC | O_NONBLOCK) != 0) {
+        return;
+    }
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return;
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(kPort);
+    if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) != 0 || listen(fd, 8) != 0) {
+        close(fd);
+        return;
+    }
+    m_listenFd = fd;
+    m_thread = std::thread(&FakeService::serve, this);
+}
+
+FakeService::~FakeService() {
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_stopping = true;
+    }
+    if (m_wakeFds[1] >= 0) {
+        const char wake = 's';
+        (void)!write(m_wakeFds[1], &wake, 1);
+    }
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+    dropClient(false);
+    for (int fd : {m_listenFd, m_wakeFds[0], m_wakeFds[1]}) {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+}
+
+void FakeService::on(int32_t actionID, Handler handler) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_handlers[actionID] = std::move(handler);
+}
+
+void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) {
+    on(actionID, [replyBody, delayMs](const Bytes&) { return std::vector<Reply>{{replyBody, delayMs}}; });
+}
+
+void FakeService::otherwise(Handler handler) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_fallback = std::move(handler);
+}
+
+bool FakeService::push(const Bytes& messageBody) {
+    const Bytes bytes = frame(messageBody);
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return writeAll(bytes.data(), bytes.size());
+}
+
+bool FakeService::sendRaw(const Bytes& bytes) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return writeAll(bytes.data(), bytes.size());
+}
+
+void FakeService::closeConnection() {
+    dropClient(false);
+}
+
+void FakeService::resetConnection() {
+    dropClient(true);
+}
+
+bool FakeService::waitForConnections(int count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_connections >= count; });
+}
+
+bool FakeService::waitForFrames(size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_received.size() >= count; });
+}
+
+bool FakeService::waitForClientClose(int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_clientFd < 0; });
+}
+
+std::vector<Bytes> FakeService::received() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_received;
+}
+
+Bytes FakeService::receivedStream() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_receivedStream;
+}
+
+int FakeService::connections() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_connections;
+}
+
+bool FakeService::connected() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_clientFd >= 0;
+}
+
+// REQUIRES: m_mutex held.
+bool FakeService::writeAll(const uint8_t* data, size_t size) {
+    size_t done = 0;
+    while (done < size && m_clientFd >= 0) {
+        ssize_t sent = send(m_clientFd, data + done, size - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) {
+            continue;
+        }
+        if (sent <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(sent);
+    }
+    return done == size;
+}
+
+void FakeService::dropClient(bool reset) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_clientFd < 0) {
+        return;
+    }
+    if (reset) {
+        struct linger abortive = {1, 0};
+        setsockopt(m_clientFd, SOL_SOCKET, SO_LINGER, &abortive, sizeof(abortive));
+    }
+    close(m_clientFd);
+    m_clientFd = -1;
+    m_inbox.clear();
+    m_pending.clear();
+    m_changed.notify_all();
+    if (m_wakeFds[1] >= 0) {
+        const char wake = 'd';
+        (void)!write(m_wakeFds[1], &wake, 1);
+    }
+}
+
+int FakeService::waitTimeoutMs() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_pending.empty()) {
+        return -1;
+    }
+    int64_t next = m_pending.front().dueMs;
+    for (const Pending& pending : m_pending) {
+        next = std::min(next, pending.dueMs);
+    }
+    const int64_t wait = next - nowMs();
+    return wait < 0 ? 0 : static_cast<int>(wait);
+}
+
+void FakeService::serve() {
+    for (;;) {
+        int clientFd;
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            if (m_stopping) {
+                return;
+            }
+            clientFd = m_clientFd;
+        }
+        struct pollfd fds[3] = {{m_listenFd, POLLIN, 0}, {m_wakeFds[0], POLLIN, 0}, {clientFd, POLLIN, 0}};
+        const nfds_t count = clientFd >= 0 ? 3 : 2;
+        int ready = poll(fds, count, waitTimeoutMs());
+        if (ready < 0 && errno != EINTR) {
+            return;
+        }
+        if (ready > 0 && (fds[1].revents & POLLIN) != 0) {
+            char drain[64];
+            while (read(m_wakeFds[0], drain, sizeof(drain)) > 0) {
+            }
+        }
+        if (ready > 0 && (fds[0].revents & POLLIN) != 0) {
+            acceptClient();
+        }
+        if (ready > 0 && count == 3 && (fds[2].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+            bool sameClient;
+            {
+                std::lock_guard<std::mutex> guard(m_mutex);
+                sameClient = m_clientFd == clientFd;
+            }
+            if (sameClient && !readFromClient()) {
+                dropClient(false);
+            }
+        }
+        flushDue();
+    }
+}
+
+void FakeService::acceptClient() {
+    int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+        return;
+    }
+    dropClient(false);  // a client that reconnects has given its old connection up
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_clientFd = fd;
+    ++m_connections;
+    m_changed.notify_all();
+}
+
+bool FakeService::readFromClient() {
+    uint8_t chunk[65536];
+    int fd;
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        fd = m_clientFd;
+    }
+    ssize_t got = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
+        return true;
+    }
+    if (got <= 0) {
+        return false;
+    }
+    std::vector<Bytes> frames;
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_inbox.insert(m_inbox.end(), chunk, chunk + got);
+        while (m_inbox.size() >= 4) {
+            const uint32_t length = readLittleEndian32(m_inbox.data());
+            if (m_inbox.size() < 4 + static_cast<size_t>(length)) {
+                break;
+            }
+            m_receivedStream.insert(m_receivedStream.end(), m_inbox.begin(), m_inbox.begin() + 4 + length);
+            frames.emplace_back(m_inbox.begin() + 4, m_inbox.begin() + 4 + length);
+            m_inbox.erase(m_inbox.begin(), m_inbox.begin() + 4 + length);
+        }
+    }
+    for (const Bytes& frameBody : frames) {
+        handleFrame(frameBody);
+    }
+    return true;
+}
+
+void FakeService::handleFrame(const Bytes& frameBody) {
+    Handler handler;
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_received.push_back(frameBody);
+        m_changed.notify_all();
+        auto found = m_handlers.find(actionIdOf(frameBody));
+        handler = found != m_handlers.end() ? found->second : m_fallback;
+    }
+    if (!handler) {
+        return;
+    }
+    const std::vector<Reply> replies = handler(frameBody);
+    std::lock_guard<std::mutex> guard(m_mutex);
+    const int64_t now = nowMs();
+    int64_t due = now;
+    for (const Reply& reply : replies) {
+        // Replies keep their order even when an earlier one is late.
+        due = std::max(due, now + reply.delayMs);
+        m_pending.push_back(Pending{due, frame(reply.body)});
+    }
+}
+
+void FakeService::flushDue() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    const int64_t now = nowMs();
+    for (auto pending = m_pending.begin(); pending != m_pending.end();) {
+        if (pending->dueMs > now) {
+            ++pending;
+            continue;
+        }
+        writeAll(pending->bytes.data(), pending->bytes.size());
+        pending = m_pending.erase(pending);
+    }
+}
+
+}  // namespace pelktest

@@ -1,0 +1,316 @@
+#include "TransferClient.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "support/FakeService.h"
+#include "support/LogCapture.h"
+
+using PELK::Agent::TransferClient;
+using pelktest::body;
+using pelktest::Bytes;
+using pelktest::FakeService;
+
+namespace Frame = PELK::Agent::Frame;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Records what the action callback receives: whole frames, and null as an empty entry.
+class EventRecorder {
+public:
+    static void onAction(char* frame, void* user) {
+        EventRecorder* self = static_cast<EventRecorder*>(user);
+        std::lock_guard<std::mutex> guard(self->m_mutex);
+        if (frame == nullptr) {
+            self->m_frames.emplace_back();
+        } else {
+            self->m_frames.emplace_back(frame, frame + Frame::MSG_LENGTH_OFFSET + Frame::lengthOf(frame));
+        }
+        self->m_changed.notify_all();
+    }
+
+    bool waitFor(size_t count, int timeoutMs = 8000) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_frames.size() >= count; });
+    }
+
+    std::vector<Bytes> frames() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_frames;
+    }
+
+    // Action IDs in arrival order; 0 marks the null frame.
+    std::vector<int32_t> ids() {
+        std::vector<int32_t> result;
+        for (const Bytes& frame : frames()) {
+            result.push_back(frame.empty() ? 0 : pelktest::actionIdOf(Bytes(frame.begin() + 4, frame.end())));
+        }
+        return result;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Bytes> m_frames;
+};
+
+class TransferClientTest : public ::testing::Test {
+protected:
+    // Declared first, so that the logger outlives the client's threads.
+    pelktest::LogCapture log;
+    std::unique_ptr<FakeService> service = std::make_unique<FakeService>();
+    EventRecorder events;
+    std::unique_ptr<TransferClient> client = std::make_unique<TransferClient>();
+
+    void SetUp() override { ASSERT_TRUE(service->listening()) << "127.0.0.1:20014 is taken"; }
+
+    void startWithCallback() {
+        ASSERT_TRUE(client->startTransfer());
+        client->setActionCallBack(EventRecorder::onAction, &events);
+    }
+
+    // serviceCall with a request body; the reply body lands in *reply.
+    int call(const Bytes& request, int timeout, Bytes* reply = nullptr) {
+        Bytes copy = request;
+        char* resp = nullptr;
+        int length = 0;
+        int result = client->serviceCall(reinterpret_cast<char*>(copy.data()), static_cast<int>(copy.size()), resp,
+                                         &length, timeout);
+        if (result == 0 && reply != nullptr) {
+            reply->assign(resp, resp + length);
+        }
+        delete[] resp;
+        return result;
+    }
+
+    size_t lineIndex(const std::string& fragment) {
+        std::vector<std::string> lines = log.lines();
+        for (size_t i = 0; i < lines.size(); ++i) {
+            if (lines[i].find(fragment) != std::string::npos) {
+                return i;
+            }
+        }
+        return lines.size();
+    }
+};
+
+TEST(FrameTest, RoutesOnlyThePushedEventIdsToTheCallbackPath) {
+    for (int32_t id = -1; id <= 60; ++id) {
+        const bool pushed = id == 14 || id == 19 || id == 20 || id == 32 || id == 41 || id == 45 || id == 52 || id == 54;
+        EXPECT_EQ(pushed, Frame::isActionCallBack(id)) << id;
+    }
+}
+
+TEST(FrameTest, BuildsLengthWordThenMessageLittleEndian) {
+    const char message[] = {0x2C, 0x00, 0x00, 0x00, 0x7F};
+    std::unique_ptr<char[]> frame(Frame::build(message, sizeof(message)));
+    const unsigned char expected[] = {5, 0, 0, 0, 0x2C, 0, 0, 0, 0x7F};
+    ASSERT_EQ(0, memcmp(expected, frame.get(), sizeof(expected)));
+    EXPECT_EQ(5u, Frame::lengthOf(frame.get()));
+    EXPECT_EQ(44, Frame::actionIdOf(frame.get()));
+}
+
+TEST_F(TransferClientTest, OneWayRequestsDoNotWait) {
+    ASSERT_TRUE(client->startTransfer());
+    Bytes request = body(27);
+    char* resp = nullptr;
+    EXPECT_EQ(0, client->serviceCall(reinterpret_cast<char*>(request.data()), 4, resp, nullptr, 40));
+    ASSERT_TRUE(service->waitForFrames(1));
+    EXPECT_EQ(pelktest::frame(request), service->receivedStream());
+
+    // A response buffer without a length to report it in is a caller's mistake, found after sending.
+    char* preset = new char[8];
+    EXPECT_EQ(1102, client->serviceCall(reinterpret_cast<char*>(request.data()), 4, preset, nullptr, 40));
+    EXPECT_TRUE(service->waitForFrames(2));
+    delete[] preset;
+    EXPECT_EQ(1102, client->serviceCall(nullptr, 4, resp, nullptr, 40));
+}
+
+TEST_F(TransferClientTest, SkipsAReplyWithAnotherActionIdAndReturnsTheMatchingOne) {
+    service->on(44, [](const Bytes&) {
+        return std::vector<FakeService::Reply>{{body(2, {9})}, {body(44, {1, 2, 3})}};
+    });
+    ASSERT_TRUE(client->startTransfer());
+    Bytes reply;
+    ASSERT_EQ(0, call(body(44), 40, &reply));
+    EXPECT_EQ(body(44, {1, 2, 3}), reply);
+    EXPECT_TRUE(log.contains("requestActionID != responseActionID, requestActionID=44, responseActionID=2"));
+    EXPECT_TRUE(log.contains("Request action:44 finish"));
+}
+
+TEST_F(TransferClientTest, LateReplyToATimedOutRequestIsDiscardedByTheNextCall) {
+    service->answer(30, body(30, {0}), 1200);
+    service->answer(31, body(31, {5}));
+    ASSERT_TRUE(client->startTransfer());
+    EXPECT_EQ(1106, call(body(30), 0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the late reply is queued by now
+    Bytes reply;
+    ASSERT_EQ(0, call(body(31), 5, &reply));
+    EXPECT_EQ(body(31, {5}), reply);
+    EXPECT_TRUE(log.contains("requestActionID != responseActionID, requestActionID=31, responseActionID=30"));
+}
+
+TEST_F(TransferClientTest, TimesOutOnlyOnceMoreThanTheTimeoutHasPassed) {
+    ASSERT_TRUE(client->startTransfer());
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(1106, call(body(33), 0));
+    EXPECT_LT(secondsSince(start), 1.5);
+    EXPECT_TRUE(log.contains("timeout 0s for receiving response!"));
+
+    start = Clock::now();
+    EXPECT_EQ(1106, call(body(33), 2));
+    EXPECT_GE(secondsSince(start), 2.0);
+    EXPECT_LT(secondsSince(start), 3.5);
+}
+
+TEST_F(TransferClientTest, LostServiceFailsTheWaitingCallReportsEvent46ThenNullAndCanRestart) {
+    service->on(33, [this](const Bytes&) {
+        service->closeConnection();
+        return std::vector<FakeService::Reply>{};
+    });
+    startWithCallback();
+    EXPECT_EQ(1107, call(body(33), 30));
+    EXPECT_TRUE(log.contains("server disconnected!"));
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_EQ((std::vector<int32_t>{46, 0}), events.ids());
+    EXPECT_EQ(Bytes({4, 0, 0, 0, 46, 0, 0, 0}), events.frames()[0]);
+    EXPECT_EQ(1u, log.count("onNetException called."));
+    EXPECT_EQ(1u, log.count("TransferClient: Receiver stopped unexpectedly."));
+    EXPECT_LT(lineIndex("onNetException called."), lineIndex("TransferClient: Receiver stopped unexpectedly."));
+    EXPECT_FALSE(client->isTransferStarted());
+
+    // The same object connects again.
+    service->answer(44, body(44, {0, 0}));
+    ASSERT_TRUE(client->startTransfer());
+    ASSERT_TRUE(service->waitForConnections(2));
+    Bytes reply;
+    EXPECT_EQ(0, call(body(44), 5, &reply));
+    EXPECT_EQ(body(44, {0, 0}), reply);
+}
+
+TEST_F(TransferClientTest, WithoutACallbackTheReceiverWaitsUntilOneTakesTheLossEvent) {
+    ASSERT_TRUE(client->startTransfer());
+    service->closeConnection();
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_TRUE(log.contains("wait for NetException to be handled"));
+    EXPECT_FALSE(log.contains("after waiting"));
+    EXPECT_TRUE(client->isTransferStarted());
+
+    client->setActionCallBack(EventRecorder::onAction, &events);
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_EQ((std::vector<int32_t>{46, 0}), events.ids());
+}
+
+TEST_F(TransferClientTest, AcceptsAnOversizedFrameAfterWarning) {
+    startWithCallback();
+    Bytes event = pelktest::BodyBuilder(20).zeros(70000 - 4);
+    ASSERT_TRUE(service->push(event));
+    ASSERT_TRUE(events.waitFor(1));
+    EXPECT_EQ(pelktest::frame(event), events.frames()[0]);
+    EXPECT_TRUE(log.contains("Wrong data! buffLen=70000"));
+}
+
+TEST_F(TransferClientTest, LeavesAFragmentShorterThanTheHeaderUnread) {
+    startWithCallback();
+    Bytes whole = pelktest::frame(body(45, {1, 2, 3}));
+    ASSERT_TRUE(service->sendRaw(Bytes(whole.begin(), whole.begin() + 5)));
+    for (int i = 0; i < 200 && !log.contains("nRead < MSG_LENGTH_OFFSET"); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(log.contains(
+        "nRead < MSG_LENGTH_OFFSET + sizeof(int)! check the code, use osal_recvn instead!"));
+    ASSERT_TRUE(service->sendRaw(Bytes(whole.begin() + 5, whole.end())));
+    ASSERT_TRUE(events.waitFor(1));
+    EXPECT_EQ(whole, events.frames()[0]);
+}
+
+TEST_F(TransferClientTest, EventsKeepTheirOrderAmongInterleavedResponses) {
+    int next = 0;
+    service->on(44, [&](const Bytes&) {
+        service->push(body(20, {next++}));
+        std::vector<FakeService::Reply> replies{{body(44, {0})}};
+        service->push(body(45, {next++}));
+        return replies;
+    });
+    startWithCallback();
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(0, call(body(44), 5));
+        ASSERT_TRUE(service->push(body(54, {next++})));
+    }
+    ASSERT_TRUE(events.waitFor(60));
+    std::vector<Bytes> frames = events.frames();
+    for (int i = 0; i < 60; ++i) {
+        const uint8_t* word = frames[i].data() + 8;
+        EXPECT_EQ(i, word[0] | word[1] << 8) << "event " << i << " arrived out of order";
+    }
+}
+
+TEST_F(TransferClientTest, StartStopMisuseAndAMissingService) {
+    ASSERT_TRUE(client->startTransfer());
+    EXPECT_FALSE(client->startTransfer());
+    EXPECT_TRUE(log.contains("TransferClient is already started!"));
+    client->stopTransfer();
+    EXPECT_FALSE(client->stopTransfer());
+    EXPECT_TRUE(log.contains("TransferClient is already stopped!"));
+
+    service.reset();
+    EXPECT_FALSE(client->startTransfer());
+    EXPECT_TRUE(log.contains("Failed to connect to port :[20014], error=111"));
+    EXPECT_EQ(OSAL_INVALID_SOCKET, client->getSocket());
+    EXPECT_FALSE(client->isTransferStarted());
+}
+
+TEST_F(TransferClientTest, OrderlyStopClosesTheSocketBeforeReturningAndEndsWithNull) {
+    startWithCallback();
+    client->stopTransfer();
+    EXPECT_EQ(OSAL_INVALID_SOCKET, client->getSocket());
+    EXPECT_FALSE(client->isReceiverStarted());
+    EXPECT_EQ((std::vector<int32_t>{0}), events.ids());
+    EXPECT_TRUE(service->waitForClientClose());
+    EXPECT_EQ(0u, log.count("onNetException called."));
+}
+
+// Lifetime: no thread may outlive the client, whatever the timing.
+TEST_F(TransferClientTest, StartThenImmediateStopRepeatedly) {
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(client->startTransfer()) << "iteration " << i;
+        client->setActionCallBack(EventRecorder::onAction, &events);
+        client->stopTransfer();
+        if (i % 2 == 0) {
+            client = std::make_unique<TransferClient>();  // destroy right after a stop
+        }
+    }
+}
+
+TEST_F(TransferClientTest, DestroyRightAfterTheLossIsReported) {
+    startWithCallback();
+    service->closeConnection();
+    ASSERT_TRUE(events.waitFor(2));
+    client.reset();
+    EXPECT_TRUE(log.contains("TransferClient destroyed."));
+}
+
+TEST_F(TransferClientTest, DestroyWhileTheReceiverWaitsForACallbackThatNeverComes) {
+    ASSERT_TRUE(client->startTransfer());
+    service->closeConnection();
+    for (int i = 0; i < 200 && !log.contains("wait for NetException to be handled"); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    Clock::time_point start = Clock::now();
+    client.reset();
+    EXPECT_LT(secondsSince(start), 2.0);
+}
+
+}  // namespace
