@@ -88,6 +88,7 @@ TEST(OsalLockTest, SemaphoreWaitTimesOutOrTakesACount) {
     ASSERT_EQ(0, Osal::osal_init_cond(&sem));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(2, Osal::osal_lock_cond_ms(&sem, 0));
+    EXPECT_EQ(2, Osal::osal_lock_cond(&sem, -3000000));  // long past: no wrap into a wait of days
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
     EXPECT_EQ(2, Osal::osal_lock_cond_ms(&sem, 30));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25));

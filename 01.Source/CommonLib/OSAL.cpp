@@ -306,8 +306,12 @@ int OSAbstractLayer::osal_lock_cond(sem_t* sem, int seconds) {
         return osal_lock_cond_ms(sem, -1);
     }
     long long ms = static_cast<long long>(seconds) * 1000;
+    // Clamped both ways: a wrapped product could turn a past deadline into a wait of days.
+    // The lower bound stays whole seconds, as every product here is.
     if (ms > INT_MAX) {
         ms = INT_MAX;
+    } else if (ms < INT_MIN) {
+        ms = INT_MIN / 1000 * 1000;
     }
     return osal_lock_cond_ms(sem, static_cast<int>(ms));
 }
