@@ -455,11 +455,7 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
     }
     if (resplen == nullptr) {
         unlockService();
-        if (resp == nullptr) {
-            return kServiceOk;
-        }
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error to get response! Check code please!");
-        return kServiceBadCall;
+        return resp == nullptr ? kServiceOk : kServiceBadCall;
     }
 
     ZT_LOG(Common::ZT_LOG_DEBUG, "Request action:%d send, wait for response..", requestID);
