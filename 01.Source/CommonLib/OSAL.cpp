@@ -106,15 +106,19 @@ int sendAll(long sock, const char* buffer, int length, int flags, int seconds, i
             }
             return 0;
         }
-        // MSG_NOSIGNAL: a peer that vanished must not kill the app with SIGPIPE.
+        // MSG_NOSIGNAL: a peer that vanished must not kill the app with SIGPIPE. MSG_DONTWAIT:
+        // a blocking send of the rest would wait for a stalled peer forever, past the time-out.
         ssize_t result = send(static_cast<int>(sock), buffer + done, static_cast<size_t>(length - done),
-                              flags | MSG_NOSIGNAL);
+                              flags | MSG_NOSIGNAL | MSG_DONTWAIT);
         if (result > 0) {
             done += static_cast<int>(result);
             continue;
         }
         if (errno == EINTR) {
             ZT_LOG(ZT_LOG_INFO, "errno == EINTR");
+            continue;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
             continue;
         }
         ZT_LOG(ZT_LOG_WARNING, "socket error:%d! socket=%d", errno, static_cast<int>(sock));
