@@ -657,6 +657,16 @@ bool isSeparator(char c) {
     return c == '/' || c == '\\';
 }
 
+// REQUIRES: programPathMutex() held.
+const char* cachedProgramPath() {
+    if (g_programPath[0] == '\0' && getcwd(g_programPath, sizeof(g_programPath)) == nullptr) {
+        g_programPath[0] = '\0';
+        ZT_LOG(ZT_LOG_WARNING, "getcwd fail!");
+        return nullptr;
+    }
+    return g_programPath;
+}
+
 }  // namespace
 
 std::string OSAbstractLayer::osal_getAbsolutePath(const char* path) {
@@ -666,11 +676,16 @@ std::string OSAbstractLayer::osal_getAbsolutePath(const char* path) {
     if (isSeparator(path[0])) {
         return std::string(path);
     }
-    const char* programPath = osal_getProgramPath();
-    if (programPath == nullptr) {
-        return std::string();
+    std::string base;
+    {
+        // Copied under the cache's lock: another thread may be changing directory.
+        std::lock_guard<std::mutex> guard(programPathMutex());
+        const char* programPath = cachedProgramPath();
+        if (programPath == nullptr) {
+            return std::string();
+        }
+        base = programPath;
     }
-    std::string base(programPath);
     if (!base.empty() && isSeparator(base.back())) {
         base.pop_back();
     }
@@ -704,19 +719,13 @@ std::string OSAbstractLayer::osal_getAbsolutePath(const char* path) {
 
 const char* OSAbstractLayer::osal_getProgramPath() {
     std::lock_guard<std::mutex> guard(programPathMutex());
-    if (g_programPath[0] == '\0' && getcwd(g_programPath, sizeof(g_programPath)) == nullptr) {
-        g_programPath[0] = '\0';
-        ZT_LOG(ZT_LOG_WARNING, "getcwd fail!");
-        return nullptr;
-    }
-    return g_programPath;
+    return cachedProgramPath();
 }
 
 int OSAbstractLayer::osal_setCurrentPath(const char* path) {
-    {
-        std::lock_guard<std::mutex> guard(programPathMutex());
-        g_programPath[0] = '\0';
-    }
+    // Under the lock, so that nobody caches the old directory between the two steps.
+    std::lock_guard<std::mutex> guard(programPathMutex());
+    g_programPath[0] = '\0';
     return path == nullptr ? -1 : chdir(path);
 }
 
