@@ -57,6 +57,30 @@ void waitForLifetimeMutex(pthread_mutex_t* mutex) {
     OSAbstractLayer::osal_unlock_mutex(mutex);
 }
 
+// Starts fn(owner) and returns once the new thread holds its lifetime mutex, so that a stop
+// made right after the start waits for the thread instead of missing it.
+bool startOwnedThread(unsigned int (*fn)(void*), void* owner, sem_t* starting) {
+    long thread = 0;
+    if (OSAbstractLayer::osal_create_thread(&thread, fn, owner) != 0) {
+        return false;
+    }
+    OSAbstractLayer::osal_lock_cond(starting, -1);
+    return true;
+}
+
+// The first steps of an owned thread: detach, take the lifetime mutex, let the starter go on.
+// On failure the thread's run flag is cleared and the thread must end at once.
+bool enterOwnedThread(pthread_mutex_t* lifetime, sem_t* starting, std::atomic<bool>& runFlag) {
+    OSAbstractLayer::osal_detach_current_thread();
+    const bool locked = OSAbstractLayer::osal_lock_mutex(lifetime) == 0;
+    if (!locked) {
+        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
+        runFlag = false;
+    }
+    OSAbstractLayer::osal_unlock_cond(starting);
+    return locked;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -178,14 +202,11 @@ bool SocketClient::startReceiver() {
         return false;
     }
     m_fReceiverStarted = true;
-    long thread = 0;
-    if (OSAbstractLayer::osal_create_thread(&thread, thread_dataReceiver, this) != 0) {
+    if (!startOwnedThread(thread_dataReceiver, this, &m_receiverStarting)) {
         m_fReceiverStarted = false;
         ZT_LOG(Common::ZT_LOG_ERROR, "Fail to create thread!");
         return false;
     }
-    // Return only once the thread holds its lifetime mutex, so a stop right away waits for it.
-    OSAbstractLayer::osal_lock_cond(&m_receiverStarting, -1);
     ZT_LOG(Common::ZT_LOG_DEBUG, "Client receiver is started.");
     return true;
 }
@@ -243,14 +264,9 @@ void SocketClient::waitForReceiverExit() {
 
 unsigned int SocketClient::thread_dataReceiver(void* arg) {
     SocketClient* pThis = static_cast<SocketClient*>(arg);
-    OSAbstractLayer::osal_detach_current_thread();
-    if (OSAbstractLayer::osal_lock_mutex(&pThis->m_receiverThreadMutex) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
-        pThis->m_fReceiverStarted = false;
-        OSAbstractLayer::osal_unlock_cond(&pThis->m_receiverStarting);
+    if (!enterOwnedThread(&pThis->m_receiverThreadMutex, &pThis->m_receiverStarting, pThis->m_fReceiverStarted)) {
         return 0;
     }
-    OSAbstractLayer::osal_unlock_cond(&pThis->m_receiverStarting);
 
     size_t backOff = 0;
     while (pThis->m_fReceiverStarted) {
@@ -351,14 +367,12 @@ bool TransferClient::startTransfer() {
         closeSocket();
         return false;
     }
-    long thread = 0;
-    if (OSAbstractLayer::osal_create_thread(&thread, thread_actionCallBack, this) != 0) {
+    if (!startOwnedThread(thread_actionCallBack, this, &m_callBackThreadStarting)) {
         m_fTransferStarted = false;
         ZT_LOG(Common::ZT_LOG_ERROR, "Fail to create thread!");
-        stopReceiver();
+        stopReceiver();  // the receiver alone would hold the socket open
         return false;
     }
-    OSAbstractLayer::osal_lock_cond(&m_callBackThreadStarting, -1);
     return true;
 }
 
@@ -622,14 +636,10 @@ bool TransferClient::onNetException() {
 
 unsigned int TransferClient::thread_actionCallBack(void* arg) {
     TransferClient* pThis = static_cast<TransferClient*>(arg);
-    OSAbstractLayer::osal_detach_current_thread();
-    if (OSAbstractLayer::osal_lock_mutex(&pThis->m_actionCallBackThreadMutex) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
-        pThis->m_fTransferStarted = false;
-        OSAbstractLayer::osal_unlock_cond(&pThis->m_callBackThreadStarting);
+    if (!enterOwnedThread(&pThis->m_actionCallBackThreadMutex, &pThis->m_callBackThreadStarting,
+                          pThis->m_fTransferStarted)) {
         return 0;
     }
-    OSAbstractLayer::osal_unlock_cond(&pThis->m_callBackThreadStarting);
 
     size_t backOff = 0;
     while (pThis->m_fTransferStarted && pThis->m_fReceiverStarted) {
