@@ -1,5 +1,7 @@
 #include "TransferClient.h"
 
+#include "ActionManager/Struct.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -109,7 +111,7 @@ protected:
 TEST(FrameTest, RoutesOnlyThePushedEventIdsToTheCallbackPath) {
     for (int32_t id = -1; id <= 60; ++id) {
         const bool pushed = id == 14 || id == 19 || id == 20 || id == 32 || id == 41 || id == 45 || id == 52 || id == 54;
-        EXPECT_EQ(pushed, Frame::isActionCallBack(id)) << id;
+        EXPECT_EQ(pushed, PELK::IsEventActionID(id)) << id;
     }
 }
 

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <new>
 
+#include "ActionManager/Struct.h"
+#include "ActionManager/WireFormat.h"
 #include "CommonLib/OSAL.h"
 #include "CommonLib/ZTLogger.h"
 
@@ -25,7 +27,6 @@ const int kResponsePollCapMs = 10;
 const int kQueueCapacity = 64;
 const int kSendTimeoutSeconds = 5;
 const int kFrameReadTimeoutSeconds = 20;
-const int32_t kNetExceptionActionID = 46;
 const int kNetExceptionPollMs = 50;
 const int kNetExceptionSettleMs = 1000;
 const int kNetExceptionTailMs = 200;
@@ -38,17 +39,11 @@ void sleepAndBackOff(size_t& index) {
 }
 
 void putLittleEndian32(char* at, uint32_t value) {
-    for (int i = 0; i < 4; ++i) {
-        at[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-    }
+    Wire::EncodeFixed32(reinterpret_cast<unsigned char*>(at), value);
 }
 
 uint32_t getLittleEndian32(const char* at) {
-    uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) {
-        value = (value << 8) | static_cast<unsigned char>(at[i]);
-    }
-    return value;
+    return Wire::DecodeFixed32(reinterpret_cast<const unsigned char*>(at));
 }
 
 // Waits until the thread that holds a lifetime mutex has released it for good.
@@ -87,15 +82,6 @@ bool enterOwnedThread(pthread_mutex_t* lifetime, sem_t* starting, std::atomic<bo
 // Frame
 
 namespace Frame {
-
-bool isActionCallBack(int32_t actionID) {
-    switch (actionID) {
-        case 14: case 19: case 20: case 32: case 41: case 45: case 52: case 54:
-            return true;
-        default:
-            return false;
-    }
-}
 
 uint32_t lengthOf(const char* frame) {
     return getLittleEndian32(frame);
@@ -581,7 +567,7 @@ bool TransferClient::onDataReceived() {
     unlockSocket();
     if (read > 0) {
         const int32_t routedID = Frame::actionIdOf(buffer);
-        if (Frame::isActionCallBack(routedID)) {
+        if (IsEventActionID(routedID)) {
             ZT_LOG(Common::ZT_LOG_DEBUG, "Receive ActionCallBack action:%d", routedID);
             pushTo(m_actionCallBackQueue, buffer);
         } else {
@@ -616,7 +602,7 @@ bool TransferClient::onNetException() {
         return false;
     }
     putLittleEndian32(frame, sizeof(int32_t));
-    putLittleEndian32(frame + Frame::MSG_LENGTH_OFFSET, static_cast<uint32_t>(kNetExceptionActionID));
+    putLittleEndian32(frame + Frame::MSG_LENGTH_OFFSET, static_cast<uint32_t>(ACTION_SERVER_DISCONNECTED));
     pushTo(m_actionCallBackQueue, frame);
     ZT_LOG(Common::ZT_LOG_DEBUG, "wait for NetException to be handled");
     // Until the callback has taken the event; a stop or destruction ends the wait, since the

@@ -25,7 +25,8 @@
 namespace PELK {
 namespace Agent {
 
-// The frame, kept apart from socket I/O so that it can be checked with bytes alone.
+// The frame, kept apart from socket I/O so that it can be checked with bytes alone. Frames are
+// routed by IsEventActionID (ActionManager/Struct.h): events to the callback, the rest as replies.
 namespace Frame {
 
 // Bytes of the length word that starts every frame.
@@ -35,8 +36,6 @@ constexpr int kHeaderSize = MSG_LENGTH_OFFSET + static_cast<int>(sizeof(int32_t)
 // Longer frames are reported, then accepted all the same.
 constexpr uint32_t kLengthWarningLimit = 65855;
 
-// True for the IDs the service pushes on its own (14, 19, 20, 32, 41, 45, 52, 54).
-bool isActionCallBack(int32_t actionID);
 uint32_t lengthOf(const char* frame);
 int32_t actionIdOf(const char* frame);
 // A new frame (array new) holding the length word and a copy of message; null when out of memory.
