@@ -298,7 +298,7 @@ void Decode(Msg& msg, const void* buf, unsigned int nBufferSize) {
     Msg::Fields(std::as_const(msg), body);
     if (nBufferSize < nSize || !body.Fits()) {
         // A body whose own count or length overruns the buffer is refused in the same words.
-        const int nLogged = nBufferSize < nSize ? LoggedSize(nSize) : LoggedSize(body.Claimed());
+        const int nLogged = nBufferSize < nSize ? LoggedSize(nSize) : LoggedSize(body.End());
         Common::ZTLogger::getDefaultLogger()->printf(Common::ZT_LOG_DEBUG, __FILE__, __LINE__, "FromBuffer",
                                                      "%s : nBufferSize < this->GetSize()[%d]!\n", Msg::kName, nLogged);
         return;

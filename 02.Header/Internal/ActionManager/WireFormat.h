@@ -124,8 +124,8 @@ private:
     uint64_t m_nEnd = 0;
 };
 
-// Measures the body that Writer would produce for an object in its present state.
-class Sizer {
+// Measures the fixed-size fields; Sizer and BodySizer differ only in how lists and blocks count.
+class Extent {
 public:
     uint64_t End() const { return m_nEnd; }
 
@@ -143,15 +143,8 @@ public:
     uint64_t Record(uint64_t off, const R&) {
         return Mark(off + sizeof(R));
     }
-    template <class R>
-    uint64_t List(uint64_t off, const std::vector<R>& records) {
-        return Mark(off + 4 + records.size() * sizeof(R));
-    }
-    uint64_t Data(uint64_t off, const int32_t& length, const char* const&) {
-        return Mark(off + 4 + static_cast<uint64_t>(length > 0 ? length : 0));
-    }
 
-private:
+protected:
     uint64_t Mark(uint64_t end) {
         m_nEnd = end > m_nEnd ? end : m_nEnd;
         return end;
@@ -159,32 +152,29 @@ private:
     uint64_t m_nEnd = 0;
 };
 
+// Measures the body that Writer would produce for an object in its present state.
+class Sizer : public Extent {
+public:
+    template <class R>
+    uint64_t List(uint64_t off, const std::vector<R>& records) {
+        return Mark(off + 4 + records.size() * sizeof(R));
+    }
+    uint64_t Data(uint64_t off, const int32_t& length, const char* const&) {
+        return Mark(off + 4 + static_cast<uint64_t>(length > 0 ? length : 0));
+    }
+};
+
 // Measures the body that a received buffer claims, from the counts and lengths it holds, without
 // reading past nBufferSize. Fits() is false when a count or length is negative or when the claimed
-// body (Claimed()) runs past the buffer.
-class BodySizer {
+// body (End()) runs past the buffer.
+class BodySizer : public Extent {
 public:
     BodySizer(const void* buf, unsigned int nBufferSize)
         : m_pBuf(static_cast<const unsigned char*>(buf)), m_nBufferSize(nBufferSize) {}
     bool Fits() const { return m_fValid && m_nEnd <= m_nBufferSize; }
-    uint64_t Claimed() const { return m_nEnd; }
     bool HasData() const { return m_fHasData; }
     int32_t DataLength() const { return m_nDataLength; }
 
-    template <class T, class = Int32Like<T>>
-    uint64_t Int32(uint64_t off, const T&) {
-        return Mark(off + 4);
-    }
-    uint64_t Int64(uint64_t off, const uint64_t&) { return Mark(off + 8); }
-    uint64_t Flag(uint64_t off, const bool&) { return Mark(off + 1); }
-    template <size_t N>
-    uint64_t Text(uint64_t off, const char (&)[N]) {
-        return Mark(off + N);
-    }
-    template <class R>
-    uint64_t Record(uint64_t off, const R&) {
-        return Mark(off + sizeof(R));
-    }
     template <class R>
     uint64_t List(uint64_t off, const std::vector<R>&) {
         return Mark(off + 4 + Count(off) * sizeof(R));
@@ -210,13 +200,8 @@ private:
         }
         return count;
     }
-    uint64_t Mark(uint64_t end) {
-        m_nEnd = end > m_nEnd ? end : m_nEnd;
-        return end;
-    }
     const unsigned char* m_pBuf;
     uint64_t m_nBufferSize;
-    uint64_t m_nEnd = 0;
     bool m_fValid = true;
     bool m_fHasData = false;
     int32_t m_nDataLength = 0;
