@@ -130,7 +130,7 @@ TEST_F(TransferClientTest, OneWayRequestsDoNotWait) {
     char* resp = nullptr;
     EXPECT_EQ(0, client->serviceCall(reinterpret_cast<char*>(request.data()), 4, resp, nullptr, 40));
     ASSERT_TRUE(service->waitForFrames(1));
-    EXPECT_EQ(pelktest::frame(request), service->receivedStream());
+    EXPECT_EQ(std::vector<Bytes>{request}, service->received());
 
     // A response buffer without a length to report it in is a caller's mistake, found after sending.
     char* preset = new char[8];
@@ -298,7 +298,7 @@ TEST_F(TransferClientTest, StartThenImmediateStopRepeatedly) {
 
 TEST_F(TransferClientTest, DestroyRightAfterTheLossIsReported) {
     startWithCallback();
-    service->closeConnection();
+    service->resetConnection();
     ASSERT_TRUE(events.waitFor(2));
     client.reset();
     EXPECT_TRUE(log.contains("TransferClient destroyed."));

@@ -37,32 +37,8 @@ BodyBuilder& BodyBuilder::i32(int32_t value) {
     return *this;
 }
 
-BodyBuilder& BodyBuilder::u64(uint64_t value) {
-    for (int i = 0; i < 8; ++i) {
-        m_bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    }
-    return *this;
-}
-
-BodyBuilder& BodyBuilder::u8(uint8_t value) {
-    m_bytes.push_back(value);
-    return *this;
-}
-
-BodyBuilder& BodyBuilder::text(const std::string& value, size_t fieldSize) {
-    for (size_t i = 0; i < fieldSize; ++i) {
-        m_bytes.push_back(i < value.size() ? static_cast<uint8_t>(value[i]) : 0);
-    }
-    return *this;
-}
-
 BodyBuilder& BodyBuilder::zeros(size_t count) {
     m_bytes.insert(m_bytes.end(), count, 0);
-    return *this;
-}
-
-BodyBuilder& BodyBuilder::bytes(const Bytes& value) {
-    m_bytes.insert(m_bytes.end(), value.begin(), value.end());
     return *this;
 }
 
@@ -142,11 +118,6 @@ void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) 
     on(actionID, [replyBody, delayMs](const Bytes&) { return std::vector<Reply>{{replyBody, delayMs}}; });
 }
 
-void FakeService::otherwise(Handler handler) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_fallback = std::move(handler);
-}
-
 bool FakeService::push(const Bytes& messageBody) {
     const Bytes bytes = frame(messageBody);
     std::lock_guard<std::mutex> guard(m_mutex);
@@ -184,21 +155,6 @@ bool FakeService::waitForClientClose(int timeoutMs) {
 std::vector<Bytes> FakeService::received() const {
     std::lock_guard<std::mutex> guard(m_mutex);
     return m_received;
-}
-
-Bytes FakeService::receivedStream() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_receivedStream;
-}
-
-int FakeService::connections() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_connections;
-}
-
-bool FakeService::connected() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_clientFd >= 0;
 }
 
 // REQUIRES: m_mutex held.
@@ -323,7 +279,6 @@ bool FakeService::readFromClient() {
             if (m_inbox.size() < 4 + static_cast<size_t>(length)) {
                 break;
             }
-            m_receivedStream.insert(m_receivedStream.end(), m_inbox.begin(), m_inbox.begin() + 4 + length);
             frames.emplace_back(m_inbox.begin() + 4, m_inbox.begin() + 4 + length);
             m_inbox.erase(m_inbox.begin(), m_inbox.begin() + 4 + length);
         }
@@ -341,7 +296,9 @@ void FakeService::handleFrame(const Bytes& frameBody) {
         m_received.push_back(frameBody);
         m_changed.notify_all();
         auto found = m_handlers.find(actionIdOf(frameBody));
-        handler = found != m_handlers.end() ? found->second : m_fallback;
+        if (found != m_handlers.end()) {
+            handler = found->second;
+        }
     }
     if (!handler) {
         return;

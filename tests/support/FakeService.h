@@ -25,11 +25,7 @@ class BodyBuilder {
 public:
     explicit BodyBuilder(int32_t actionID) { i32(actionID); }
     BodyBuilder& i32(int32_t value);
-    BodyBuilder& u64(uint64_t value);
-    BodyBuilder& u8(uint8_t value);
-    BodyBuilder& text(const std::string& value, size_t fieldSize);  // NUL-padded fixed field
     BodyBuilder& zeros(size_t count);
-    BodyBuilder& bytes(const Bytes& value);
     const Bytes& build() const { return m_bytes; }
     operator const Bytes&() const { return m_bytes; }
 
@@ -67,8 +63,6 @@ public:
     void on(int32_t actionID, Handler handler);
     // Shorthand: answer every such request with this body, optionally late.
     void answer(int32_t actionID, const Bytes& replyBody, int delayMs = 0);
-    // Answers requests without a script of their own (default: silence).
-    void otherwise(Handler handler);
 
     // Sends one frame carrying body to the connected client.
     bool push(const Bytes& body);
@@ -86,10 +80,6 @@ public:
     bool waitForClientClose(int timeoutMs = 5000);
     // Bodies of the frames received so far, oldest first.
     std::vector<Bytes> received() const;
-    // The raw bytes of every frame received so far, length words included.
-    Bytes receivedStream() const;
-    int connections() const;
-    bool connected() const;
 
 private:
     struct Pending {
@@ -113,9 +103,7 @@ private:
     int m_connections = 0;
     Bytes m_inbox;  // bytes read from the client and not yet framed
     std::vector<Bytes> m_received;
-    Bytes m_receivedStream;
     std::map<int32_t, Handler> m_handlers;
-    Handler m_fallback;
     std::vector<Pending> m_pending;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
