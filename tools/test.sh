@@ -6,9 +6,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-label=full
+selection=()
 if [ "${1:-}" = "--quick" ]; then
-  label=quick
+  selection=(-L quick)
 fi
 
 build_dir=build
@@ -28,4 +28,4 @@ if [ ! -f "$build_dir/CMakeCache.txt" ]; then
   cmake -S . -B "$build_dir" "${generator[@]}" "${options[@]}"
 fi
 cmake --build "$build_dir" --parallel "$(nproc)"
-ctest --test-dir "$build_dir" -L "$label" --output-on-failure --parallel "$(nproc)"
+ctest --test-dir "$build_dir" "${selection[@]}" --output-on-failure --parallel "$(nproc)"
