@@ -119,22 +119,33 @@ void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) 
 }
 
 bool FakeService::push(const Bytes& messageBody) {
-    const Bytes bytes = frame(messageBody);
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return writeAll(bytes.data(), bytes.size());
+    return sendRaw(frame(messageBody));
 }
 
 bool FakeService::sendRaw(const Bytes& bytes) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return writeAll(bytes.data(), bytes.size());
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return awaitClient(lock) && writeAll(bytes.data(), bytes.size());
 }
 
 void FakeService::closeConnection() {
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        awaitClient(lock);
+    }
     dropClient(false);
 }
 
 void FakeService::resetConnection() {
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        awaitClient(lock);
+    }
     dropClient(true);
+}
+
+// A client's connect can complete before this side has accepted it; wait for the accept.
+bool FakeService::awaitClient(std::unique_lock<std::mutex>& lock) {
+    return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; });
 }
 
 bool FakeService::waitForConnections(int count, int timeoutMs) {

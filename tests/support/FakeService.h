@@ -64,7 +64,8 @@ public:
     // Shorthand: answer every such request with this body, optionally late.
     void answer(int32_t actionID, const Bytes& replyBody, int delayMs = 0);
 
-    // Sends one frame carrying body to the connected client.
+    // Sends one frame carrying body to the connected client. This and the following three wait
+    // (up to 5 s) for a connection that the client has made but this side not yet accepted.
     bool push(const Bytes& body);
     // Sends bytes as they are (fragments, bad length words).
     bool sendRaw(const Bytes& bytes);
@@ -94,6 +95,7 @@ private:
     void flushDue();
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
+    bool awaitClient(std::unique_lock<std::mutex>& lock);
     int waitTimeoutMs() const;
 
     int m_listenFd = -1;
