@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -347,6 +348,40 @@ int OSAbstractLayer::osal_lock_cond_ms(sem_t* sem, int ms) {
     }
     ZT_LOG(ZT_LOG_WARNING, "osal_lock_cond_ms fail when sem_timedwait..");
     return 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Wake-up events
+
+long OSAbstractLayer::osal_create_event() {
+    int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return event < 0 ? OSAL_INVALID_SOCKET : static_cast<long>(event);
+}
+
+void OSAbstractLayer::osal_destroy_event(long event) {
+    if (!isInvalidSocket(event)) {
+        close(static_cast<int>(event));
+    }
+}
+
+void OSAbstractLayer::osal_signal_event(long event) {
+    if (!isInvalidSocket(event)) {
+        const uint64_t one = 1;
+        (void)!write(static_cast<int>(event), &one, sizeof(one));
+    }
+}
+
+int OSAbstractLayer::osal_wait_event(long event, int ms) {
+    if (isInvalidSocket(event)) {
+        osal_sleep_ms(ms);
+        return 2;
+    }
+    if (waitForEvents(event, POLLIN, ms / 1000, (ms % 1000) * 1000, nullptr) <= 0) {
+        return 2;
+    }
+    uint64_t count = 0;
+    (void)!read(static_cast<int>(event), &count, sizeof(count));
+    return 0;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -31,11 +31,13 @@ const int kNetExceptionPollMs = 50;
 const int kNetExceptionSettleMs = 1000;
 const int kNetExceptionTailMs = 200;
 
-void sleepAndBackOff(size_t& index) {
-    OSAbstractLayer::osal_sleep_ms(kBackOffMs[index]);
+// The idle wait at this step of the back-off; the index then moves on, up to the table's end.
+int nextBackOff(size_t& index) {
+    const int ms = kBackOffMs[index];
     if (index < kLastBackOff) {
         ++index;
     }
+    return ms;
 }
 
 void putLittleEndian32(char* at, uint32_t value) {
@@ -269,7 +271,9 @@ unsigned int SocketClient::thread_dataReceiver(void* arg) {
             break;
         }
         if (ready == 0) {
-            sleepAndBackOff(backOff);
+            // Waits as long as the back-off says, but wakes as soon as data arrives. The socket
+            // mutex stays free meanwhile; whatever the wait saw is checked again under it.
+            OSAbstractLayer::osal_socketReadable(sock, 0, nextBackOff(backOff) * 1000);
             continue;
         }
         ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
@@ -305,7 +309,9 @@ TransferClient::TransferClient()
       m_actionCallBackQueue(kQueueCapacity),
       m_responseQueue(kQueueCapacity),
       m_fnActionReceived(nullptr),
-      m_pUserData(nullptr) {
+      m_pUserData(nullptr),
+      m_nActionEvent(OSAbstractLayer::osal_create_event()),
+      m_nResponseEvent(OSAbstractLayer::osal_create_event()) {
     OSAbstractLayer::osal_init_mutex(&m_actionCallBackThreadMutex);
     OSAbstractLayer::osal_init_mutex(&m_mutexActionCallBackFunction);
     OSAbstractLayer::osal_init_mutex(&m_mutexService);
@@ -322,6 +328,8 @@ TransferClient::~TransferClient() {
     waitForCallBackThreadExit();
     freeQueued(m_actionCallBackQueue);
     freeQueued(m_responseQueue);
+    OSAbstractLayer::osal_destroy_event(m_nResponseEvent);
+    OSAbstractLayer::osal_destroy_event(m_nActionEvent);
     OSAbstractLayer::osal_destroy_cond(&m_callBackThreadStarting);
     OSAbstractLayer::osal_destroy_mutex(&m_mutexService);
     OSAbstractLayer::osal_destroy_mutex(&m_mutexActionCallBackFunction);
@@ -367,6 +375,7 @@ bool TransferClient::stopTransfer() {
         ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient is already stopped!");
         return false;
     }
+    wakeWaiters();
     stopReceiver();
     ZT_LOG(Common::ZT_LOG_DEBUG, "waiting ActionCallBackThread...");
     if (OSAbstractLayer::osal_lock_mutex(&m_actionCallBackThreadMutex) != 0) {
@@ -392,6 +401,7 @@ void TransferClient::setActionCallBack(ActionCallBack fn, void* userData) {
     m_fnActionReceived = fn;
     m_pUserData = userData;
     OSAbstractLayer::osal_unlock_mutex(&m_mutexActionCallBackFunction);
+    OSAbstractLayer::osal_signal_event(m_nActionEvent);  // frames may be waiting for a callback
 }
 
 bool TransferClient::lockService() {
@@ -469,11 +479,12 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
                 return kServiceDisconnected;
             }
             const long now = OSAbstractLayer::osal_monotonic_seconds();
+            // Waits as the back-off says, but wakes as soon as a response or a loss arrives.
             if (kBackOffMs[backOff] <= kResponsePollCapMs) {
-                OSAbstractLayer::osal_sleep_ms(kBackOffMs[backOff]);
+                OSAbstractLayer::osal_wait_event(m_nResponseEvent, kBackOffMs[backOff]);
                 ++backOff;
             } else {
-                OSAbstractLayer::osal_sleep_ms(kResponsePollCapMs);
+                OSAbstractLayer::osal_wait_event(m_nResponseEvent, kResponsePollCapMs);
             }
             if (now - start > timeout) {
                 unlockService();
@@ -569,10 +580,10 @@ bool TransferClient::onDataReceived() {
         const int32_t routedID = Frame::actionIdOf(buffer);
         if (IsEventActionID(routedID)) {
             ZT_LOG(Common::ZT_LOG_DEBUG, "Receive ActionCallBack action:%d", routedID);
-            pushTo(m_actionCallBackQueue, buffer);
+            pushTo(m_actionCallBackQueue, buffer, m_nActionEvent);
         } else {
             ZT_LOG(Common::ZT_LOG_DEBUG, "Receive service response action:%d", routedID);
-            pushTo(m_responseQueue, buffer);
+            pushTo(m_responseQueue, buffer, m_nResponseEvent);
         }
         return true;
     }
@@ -588,6 +599,7 @@ bool TransferClient::onDataReceived() {
 
 bool TransferClient::onReceiverStopped() {
     if (m_fTransferStarted.exchange(false)) {
+        wakeWaiters();
         ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient: Receiver stopped unexpectedly.");
         return true;
     }
@@ -603,7 +615,7 @@ bool TransferClient::onNetException() {
     }
     putLittleEndian32(frame, sizeof(int32_t));
     putLittleEndian32(frame + Frame::MSG_LENGTH_OFFSET, static_cast<uint32_t>(ACTION_SERVER_DISCONNECTED));
-    pushTo(m_actionCallBackQueue, frame);
+    pushTo(m_actionCallBackQueue, frame, m_nActionEvent);
     ZT_LOG(Common::ZT_LOG_DEBUG, "wait for NetException to be handled");
     // Until the callback has taken the event; a stop or destruction ends the wait, since the
     // callback thread is then leaving and would never take it.
@@ -641,7 +653,7 @@ unsigned int TransferClient::thread_actionCallBack(void* arg) {
             continue;
         }
         OSAbstractLayer::osal_unlock_mutex(&pThis->m_mutexActionCallBackFunction);
-        sleepAndBackOff(backOff);
+        OSAbstractLayer::osal_wait_event(pThis->m_nActionEvent, nextBackOff(backOff));
     }
 
     ZT_LOG(Common::ZT_LOG_INFO, "ActionCallBack thread fininsed.");
@@ -661,13 +673,20 @@ unsigned int TransferClient::thread_actionCallBack(void* arg) {
     return 0;
 }
 
-void TransferClient::pushTo(Common::Queue<char*>& queue, char* frame) {
+void TransferClient::pushTo(Common::Queue<char*>& queue, char* frame, long consumerEvent) {
     queue.lock();
     const bool pushed = queue.push_unlock(frame);
     queue.unlock();
     if (!pushed) {
         delete[] frame;  // the queue could not grow; the frame is dropped rather than leaked
+        return;
     }
+    OSAbstractLayer::osal_signal_event(consumerEvent);
+}
+
+void TransferClient::wakeWaiters() {
+    OSAbstractLayer::osal_signal_event(m_nActionEvent);
+    OSAbstractLayer::osal_signal_event(m_nResponseEvent);
 }
 
 void TransferClient::freeQueued(Common::Queue<char*>& queue) {

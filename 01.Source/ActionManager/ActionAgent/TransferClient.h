@@ -6,6 +6,9 @@
 // for answers to serviceCall(), an action callback queue for events the service pushes, and the
 // action callback thread that hands each event to one callback, in arrival order.
 //
+// Idle threads back off along fixed tables of waits (1 ms up to 50 ms), and those waits end early
+// as soon as there is work, so an idle link still answers at once.
+//
 // Threads: any number of callers of serviceCall() (one request in flight at a time), the
 // receiver thread and the action callback thread. Locks are taken in the order service mutex,
 // socket mutex, queue mutex; the logger's mutex is innermost. Each thread holds a lifetime mutex
@@ -137,7 +140,10 @@ public:
 
 private:
     static unsigned int thread_actionCallBack(void* arg);
-    void pushTo(Common::Queue<char*>& queue, char* frame);
+    // Queues a frame and wakes the thread that consumes the queue.
+    void pushTo(Common::Queue<char*>& queue, char* frame, long consumerEvent);
+    // Wakes the callback thread and a waiting serviceCall, so they see a flag change at once.
+    void wakeWaiters();
     void freeQueued(Common::Queue<char*>& queue);
     void waitForCallBackThreadExit();
 
@@ -150,6 +156,10 @@ private:
     ActionCallBack m_fnActionReceived;
     void* m_pUserData;
     sem_t m_callBackThreadStarting;  // posted by a new callback thread once it holds its mutex
+    // Idle waits follow the back-off tables but end early when there is work: a frame queued,
+    // a callback set, the link stopped or lost.
+    long m_nActionEvent;
+    long m_nResponseEvent;
 };
 
 }  // namespace Agent

@@ -53,6 +53,16 @@ public:
     // on the real-time clock.
     static int osal_lock_cond_ms(sem_t* sem, int ms);
 
+    // A wake-up signal between threads: a waiter sleeps at most ms milliseconds (measured on a
+    // monotonic clock, so wall-clock changes cannot stretch it) and wakes early once signalled.
+    // Signals do not count: several signals before a wait wake it once.
+    // OSAL_INVALID_SOCKET when no event can be created.
+    static long osal_create_event();
+    static void osal_destroy_event(long event);
+    static void osal_signal_event(long event);
+    // 0 signalled (the signal is consumed), 2 timed out.
+    static int osal_wait_event(long event, int ms);
+
     // ---- Sockets (a socket is a long; OSAL_INVALID_SOCKET when closed) ----------------------
     // Time-outs are in seconds; a negative time-out waits without limit.
 
