@@ -425,7 +425,8 @@ bool TransferClient::unlockService() {
 }
 
 int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, int timeout) {
-    if (buf == nullptr || len < static_cast<int>(sizeof(int32_t))) {
+    // A message holds at least its action ID, and its frame must be countable in an int.
+    if (buf == nullptr || len < static_cast<int>(sizeof(int32_t)) || len > INT_MAX - Frame::MSG_LENGTH_OFFSET) {
         return kServiceBadCall;
     }
     const int32_t requestID = static_cast<int32_t>(getLittleEndian32(buf));
