@@ -54,12 +54,29 @@ auto timed(double least, Call call) {
     return result;
 }
 
-// A connected AF_UNIX stream pair: `mine` goes to the functions under test, `peer` plays the other side.
+// A connected stream pair: `mine` goes to the functions under test, `peer` plays the other side.
+// TCP over loopback, as the service link uses; an AF_UNIX pair where only buffer filling matters
+// (a TCP peer would need window updates to drain promptly).
 struct Link {
     int fds[2] = {-1, -1};
     int &mine = fds[0], &peer = fds[1];
 
-    Link() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds); }
+    explicit Link(bool tcp = true) {
+        if (!tcp) {
+            socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
+            return;
+        }
+        int port = 0;
+        const int listener = boundSocket(true, &port);
+        mine = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        EXPECT_EQ(connect(mine, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        close(listener);
+    }
     Link(const Link&) = delete;
     ~Link() {
         for (int fd : fds) {
@@ -67,7 +84,7 @@ struct Link {
         }
     }
     // Without reset the peer only shuts its sending side: we read end-of-stream, yet it could still
-    // receive. With reset it closes with input left unread, which resets the connection.
+    // receive. With reset it closes with input left unread, which sends a reset.
     void closePeer(bool reset = false) {
         if (reset) {
             send(mine, "?", 1, 0);
@@ -130,7 +147,7 @@ TEST(OsalSockets, SendAndReceiveTimeOutReportingBytesSoFar) {
     for (auto sendAll : {&Osal::osal_sendn, &Osal::osal_simple_sendn}) {
         const std::string name = sendAll == &Osal::osal_sendn ? "osal_sendn" : "osal_simple_sendn";
         SCOPED_TRACE(name);
-        Link link;
+        Link link(false);
         int small = 4096, sent = -1;
         setsockopt(link.mine, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
         EXPECT_EQ(timed(0.9, [&] { return sendAll(link.mine, big.data(), size, 0, 1, &sent); }), 0);
