@@ -150,6 +150,11 @@ timespec deadlineAfterMs(const timespec& now, int ms) {
     return deadline;
 }
 
+}  // namespace detail
+
+namespace {
+
+// The library's own byte-wise widening and narrowing, in place of the C library's locale-bound ones.
 size_t wideLength(const wchar_t* src) {
     size_t length = 0;
     while (src[length] != 0) {
@@ -199,7 +204,7 @@ size_t narrow(char* dst, const wchar_t* src, size_t n) {
     return count;
 }
 
-}  // namespace detail
+}  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // Threads
@@ -630,7 +635,7 @@ int widenChecked(const char* src, wchar_t* dst, int maxChars) {
         ZT_LOG(ZT_LOG_ERROR, "Cannot convert! nMaxCharNum=%d, need:%d", maxChars, static_cast<int>(need));
         return 1;
     }
-    return detail::widen(dst, src, need) > 0 ? 0 : 1;
+    return widen(dst, src, need) > 0 ? 0 : 1;
 }
 
 int narrowChecked(const wchar_t* src, char* dst, int maxChars) {
@@ -638,12 +643,12 @@ int narrowChecked(const wchar_t* src, char* dst, int maxChars) {
         ZT_LOG(ZT_LOG_ERROR, "Cannot convert! nMaxCharNum=%d, need:%d", maxChars, 0);
         return 1;
     }
-    const size_t need = detail::wideLength(src) + 1;
+    const size_t need = wideLength(src) + 1;
     if (maxChars < 0 || need > static_cast<size_t>(maxChars)) {
         ZT_LOG(ZT_LOG_ERROR, "Cannot convert! nMaxCharNum=%d, need:%d", maxChars, static_cast<int>(need));
         return 1;
     }
-    return detail::narrow(dst, src, need) > 0 ? 0 : 1;
+    return narrow(dst, src, need) > 0 ? 0 : 1;
 }
 
 int convertThroughWide(const char* src, char*& dst, int& maxChars) {

@@ -13,11 +13,6 @@ namespace detail {
 // makes the timed wait fail at once as an error (kept deliberately).
 timespec deadlineAfterMs(const timespec& now, int ms);
 
-// The library's own byte-wise widening and narrowing (see OSAbstractLayer).
-size_t widen(wchar_t* dst, const char* src, size_t n);
-size_t narrow(char* dst, const wchar_t* src, size_t n);
-size_t wideLength(const wchar_t* src);
-
 }  // namespace detail
 }  // namespace Common
 }  // namespace PELK
