@@ -115,6 +115,19 @@ public:
     static int64_t osal_atoi64(const char* text);
 };
 
+// Holds a mutex for one scope: locked by the constructor, unlocked by the destructor on every
+// path. Not recursive, like the mutex it holds.
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t* mutex) : m_pMutex(mutex) { OSAbstractLayer::osal_lock_mutex(m_pMutex); }
+    ~MutexGuard() { OSAbstractLayer::osal_unlock_mutex(m_pMutex); }
+    MutexGuard(const MutexGuard&) = delete;
+    MutexGuard& operator=(const MutexGuard&) = delete;
+
+private:
+    pthread_mutex_t* m_pMutex;
+};
+
 // Dotted text of an IPv4 address; safe from any thread.
 std::string Inet_ntoa(struct in_addr address);
 
