@@ -181,8 +181,7 @@ bool ZTLoggerConfig::readPropertyFile() {
 }
 
 void ZTLoggerConfig::zTLog(int level, const char* message, const char* file, int line, const char* function) {
-    m_fInitialized.store(true, std::memory_order_relaxed);
-    if (loggerMode == ZT_MODE_OFF || level > loggerLevel) {
+    if (!wants(level)) {
         return;
     }
     if (pthread_mutex_lock(&m_mutex) != 0) {
@@ -267,17 +266,18 @@ void ZTLogger::destroyDefaultLogger() {
 }
 
 void ZTLogger::printf(int level, const char* file, int line, const char* function, const char* format, ...) const {
-    char message[ZTLoggerConfig::kMessageSize];
-    message[0] = '\0';
-    if (format != nullptr) {
-        va_list args;
-        va_start(args, format);
-        vsnprintf(message, sizeof(message), format, args);
-        va_end(args);
-    }
     ZTLoggerConfig* config = ZTLoggerConfig::getInstance();
     const int written = (level == ZT_LOG_FATAL) ? ZT_LOG_ERROR : level;
-    if (config != nullptr) {
+    // Formatting costs more than the rest of most calls, so a line nobody writes is not built.
+    if (config != nullptr && config->wants(written)) {
+        char message[ZTLoggerConfig::kMessageSize];
+        message[0] = '\0';
+        if (format != nullptr) {
+            va_list args;
+            va_start(args, format);
+            vsnprintf(message, sizeof(message), format, args);
+            va_end(args);
+        }
         config->zTLog(written, message, file, line, function);
     }
     if (level == ZT_LOG_FATAL) {

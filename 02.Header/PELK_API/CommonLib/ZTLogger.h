@@ -44,6 +44,11 @@ public:
     // Writes one line when the mode is not off and level <= loggerLevel. A null file selects the
     // short line format used by the print shortcuts.
     void zTLog(int level, const char* message, const char* file, int line, const char* function);
+    // True when zTLog would write a line of this level (callers then skip formatting otherwise).
+    bool wants(int level) {
+        m_fInitialized.store(true, std::memory_order_relaxed);
+        return loggerMode != ZT_MODE_OFF && level <= loggerLevel;
+    }
 
     int getMode() const { return loggerMode; }
     int getLevel() const { return loggerLevel; }
