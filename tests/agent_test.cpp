@@ -141,11 +141,15 @@ TEST_F(RegistrationTest, DestroyingARegisteredAgentUnregistersFirst) {
 
 class ReconnectionTest : public AgentTest {
 protected:
-    // Drops the connection and returns when the app callback has heard of it.
+    // Drops the connection and returns when the app callback has heard of it and the agent,
+    // which marks itself unregistered once that callback has returned, has done so.
     Clock::time_point loseService() {
         const Clock::time_point lost = Clock::now();
         service->closeConnection();
         EXPECT_TRUE(callbacks.waitFor("app", 1));
+        for (int i = 0; i < 100 && agent->getAppID() != -1; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
         return lost;
     }
 };

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <climits>
 #include <thread>
@@ -241,18 +240,4 @@ TEST(OsalSockets, PortProbeRejectsBadInputAndTellsOpenFromClosed) {
                                      std::to_string(port)));
         close(sock);
     }
-}
-
-TEST(OsalSockets, InetNtoaFromSeveralThreadsAtOnce) {
-    std::atomic<int> mismatches{0};
-    std::vector<std::thread> threads;
-    for (const char* text : {"127.0.0.1", "255.255.255.255", "10.1.2.3"}) {
-        threads.emplace_back([text, &mismatches] {
-            struct in_addr address;
-            inet_pton(AF_INET, text, &address);
-            for (int round = 0; round < 500; ++round) mismatches += PELK::Common::Inet_ntoa(address) != text;
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(mismatches.load(), 0);
 }

@@ -74,18 +74,6 @@ TEST(OsalSyncTest, FailuresReturnOneWithTheirLogLinesButLockingAlwaysSucceeds) {
 #endif
 }
 
-TEST(OsalSyncTest, EventWakesAWaiterOnceHoweverOftenSignalled) {
-    const long event = Osal::osal_create_event();
-    ASSERT_NE(OSAL_INVALID_SOCKET, event);
-    Osal::osal_signal_event(event);
-    Osal::osal_signal_event(event);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, Osal::osal_wait_event(event, 5000));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-    EXPECT_EQ(2, Osal::osal_wait_event(event, 20));  // both signals were used by one wake-up
-    Osal::osal_destroy_event(event);
-}
-
 TEST(OsalSyncTest, DeadlineCarriesOnlyWhenNanosecondsExceedOneSecond) {
     const struct { timespec now; int ms; timespec expected; } rows[] = {
         {{10, 0}, 1500, {11, 500000000}}, {{10, 999000000}, 1, {10, 1000000000}},

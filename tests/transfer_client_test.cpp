@@ -95,6 +95,14 @@ protected:
 
     void SetUp() override { ASSERT_TRUE(service->listening()) << "127.0.0.1:20014 is taken"; }
 
+    // Starts the link and waits until the service has taken this very connection: until then,
+    // what the test sends could go to the one that is ending.
+    void startAndAwaitAccept() {
+        const int accepted = service->connections();
+        ASSERT_TRUE(client->startTransfer());
+        ASSERT_TRUE(service->waitForConnections(accepted + 1));
+    }
+
     void startWithCallback() {
         ASSERT_TRUE(client->startTransfer());
         client->setActionCallBack(EventRecorder::onAction, &events);
@@ -112,6 +120,28 @@ protected:
         }
         delete[] resp;
         return result;
+    }
+
+    // Waits until `count` log lines hold the fragment.
+    bool waitForLog(const std::string& fragment, size_t count = 1, int timeoutMs = 5000) {
+        const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (log.count(fragment) < count) {
+            if (Clock::now() > end) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return true;
+    }
+
+    // The level letter of the first line holding the fragment ('E', 'W', 'I', 'D').
+    char levelOf(const std::string& fragment) {
+        for (const std::string& line : log.lines()) {
+            if (line.find(fragment) != std::string::npos) {
+                return line[0];
+            }
+        }
+        return '?';
     }
 
     size_t lineIndex(const std::string& fragment) {
@@ -139,6 +169,53 @@ TEST(FrameTest, BuildsLengthWordThenMessageLittleEndian) {
     ASSERT_EQ(0, memcmp(expected, frame.get(), sizeof(expected)));
     EXPECT_EQ(5u, Frame::lengthOf(frame.get()));
     EXPECT_EQ(44, Frame::actionIdOf(frame.get()));
+}
+
+// However the stream is cut into receives, the same frames come out, a too-short one skipped.
+TEST(FrameTest, ReaderGivesTheSameFramesForAnyCuttingOfTheStream) {
+    const std::vector<Bytes> bodies = {body(20, {1}), pelktest::BodyBuilder(45).zeros(200000), body(44),
+                                       pelktest::BodyBuilder(20).zeros(65536 - 8), body(2, {3})};
+    Bytes stream;
+    std::vector<Bytes> frames;
+    for (const Bytes& one : bodies) {
+        frames.push_back(pelktest::frame(one));
+        stream.insert(stream.end(), frames.back().begin(), frames.back().end());
+        if (frames.size() == 3) {
+            stream.insert(stream.end(), {2, 0, 0, 0, 9, 9});
+        }
+    }
+    for (size_t chunk : {size_t(1), size_t(7), size_t(4096), stream.size()}) {
+        SCOPED_TRACE(chunk);
+        Frame::Reader reader;
+        std::vector<Bytes> got;
+        int tooShort = 0;
+        for (size_t at = 0; at < stream.size();) {
+            int room = 0;
+            char* space = reader.space(&room);
+            ASSERT_NE(nullptr, space);
+            const size_t count = std::min({chunk, static_cast<size_t>(room), stream.size() - at});
+            memcpy(space, stream.data() + at, count);
+            reader.commit(static_cast<int>(count));
+            at += count;
+            for (;;) {
+                char* frame = nullptr;
+                uint32_t length = 0;
+                const Frame::Reader::Result result = reader.next(&frame, &length);
+                if (result == Frame::Reader::kComplete) {
+                    got.emplace_back(frame, frame + length + 4);
+                    delete[] frame;
+                } else if (result == Frame::Reader::kTooShort) {
+                    ++tooShort;
+                } else {
+                    ASSERT_EQ(Frame::Reader::kIncomplete, result);
+                    break;
+                }
+            }
+        }
+        EXPECT_EQ(frames, got);
+        EXPECT_EQ(1, tooShort);
+        EXPECT_EQ(0u, reader.pending());
+    }
 }
 
 TEST_F(TransferClientTest, OneWayRequestsDoNotWait) {
@@ -201,7 +278,7 @@ TEST_F(TransferClientTest, LostServiceFailsTheWaitingCallReportsEvent46ThenNullA
     });
     startWithCallback();
     EXPECT_EQ(1107, call(body(33), 30));
-    EXPECT_TRUE(log.contains("server disconnected!"));
+    EXPECT_EQ('W', levelOf("server disconnected!"));
     ASSERT_TRUE(events.waitFor(2));
     EXPECT_EQ((std::vector<int32_t>{46, 0}), events.ids());
     EXPECT_EQ(Bytes({4, 0, 0, 0, 46, 0, 0, 0}), events.frames()[0]);
@@ -241,18 +318,33 @@ TEST_F(TransferClientTest, AcceptsAnOversizedFrameAfterWarning) {
     EXPECT_TRUE(log.contains("Wrong data! buffLen=70000"));
 }
 
-TEST_F(TransferClientTest, LeavesAFragmentShorterThanTheHeaderUnread) {
+TEST_F(TransferClientTest, AFragmentOfAHeaderIsReportedAndCompletedByWhatFollows) {
     startWithCallback();
-    Bytes whole = pelktest::frame(body(45, {1, 2, 3}));
-    ASSERT_TRUE(service->sendRaw(Bytes(whole.begin(), whole.begin() + 5)));
-    for (int i = 0; i < 200 && !log.contains("nRead < MSG_LENGTH_OFFSET"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const Bytes whole = pelktest::frame(body(45, {1, 2, 3}));
+    for (size_t cut = 1; cut < 8; ++cut) {
+        SCOPED_TRACE(cut);
+        ASSERT_TRUE(service->sendRaw(Bytes(whole.begin(), whole.begin() + cut)));
+        EXPECT_TRUE(waitForLog("nRead < MSG_LENGTH_OFFSET + sizeof(int)! check the code, use osal_recvn instead!", cut));
+        ASSERT_TRUE(service->sendRaw(Bytes(whole.begin() + cut, whole.end())));
+        ASSERT_TRUE(events.waitFor(cut));
+        EXPECT_EQ(whole, events.frames()[cut - 1]);
     }
-    EXPECT_TRUE(log.contains(
-        "nRead < MSG_LENGTH_OFFSET + sizeof(int)! check the code, use osal_recvn instead!"));
-    ASSERT_TRUE(service->sendRaw(Bytes(whole.begin() + 5, whole.end())));
-    ASSERT_TRUE(events.waitFor(1));
-    EXPECT_EQ(whole, events.frames()[0]);
+}
+
+TEST_F(TransferClientTest, AClosedPeerIsALossWhateverWasHalfRead) {
+    const Bytes whole = pelktest::frame(body(20, {1, 2, 3}));
+    for (size_t cut : {1, 7, 12}) {
+        SCOPED_TRACE(cut);
+        EventRecorder lost;
+        startAndAwaitAccept();
+        client->setActionCallBack(EventRecorder::onAction, &lost);
+        ASSERT_TRUE(service->sendRaw(Bytes(whole.begin(), whole.begin() + cut)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        service->closeConnection();
+        ASSERT_TRUE(lost.waitFor(1, 2000));
+        EXPECT_EQ(46, lost.ids()[0]) << ::testing::PrintToString(lost.ids());
+        client->stopTransfer();
+    }
 }
 
 TEST_F(TransferClientTest, EventsKeepTheirOrderAmongInterleavedResponses) {
@@ -434,6 +526,193 @@ TEST_F(TransferClientTest, AStopFromAnotherThreadWaitsForTheRunningCallback) {
     client->stopTransfer();
     EXPECT_TRUE(finished.load());
     EXPECT_EQ((std::vector<int32_t>{20, 0}), events.ids());
+}
+
+// ---------------------------------------------------------------------------------------------
+// A service that misbehaves
+
+TEST_F(TransferClientTest, ASlowPeerHoldsNoCallPastItsTimeoutAndAStopEndsTheRead) {
+    ASSERT_TRUE(client->startTransfer());
+    ASSERT_TRUE(service->sendRaw({104, 0, 0, 0, 44, 0, 0, 0}));  // a reply of 100 bytes that trickles
+    std::atomic<bool> trickling{true};
+    std::thread trickle([&] {
+        while (trickling) {
+            service->sendRaw({0});
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(1106, call(body(44), 0));
+    EXPECT_LT(secondsSince(start), 1.5);
+    start = Clock::now();
+    EXPECT_EQ(1106, call(body(44), 1));
+    EXPECT_LT(secondsSince(start), 2.5);
+
+    std::atomic<int> reading{-1};
+    std::thread caller([&] { reading = call(body(44), 30); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    start = Clock::now();
+    client->stopTransfer();
+    EXPECT_LT(secondsSince(start), 1.0);
+    caller.join();
+    EXPECT_LT(secondsSince(start), 1.0);
+    EXPECT_EQ(1107, reading.load());
+    trickling = false;
+    trickle.join();
+}
+
+TEST_F(TransferClientTest, AStopDropsWhatItsConnectionQueuedAndTheNextRunStartsClean) {
+    ASSERT_TRUE(client->startTransfer());
+    for (int i = 0; i < 3000; ++i) {
+        ASSERT_TRUE(service->push(body(20, {i})));
+    }
+    service->closeConnection();
+    ASSERT_TRUE(waitForLog("wait for NetException to be handled"));  // every event is queued, then 46
+    client->stopTransfer();
+    EXPECT_TRUE(log.contains("Dropped 3001 frames of the closed connection"));
+
+    startAndAwaitAccept();
+    client->setActionCallBack(EventRecorder::onAction, &events);
+    ASSERT_TRUE(service->push(body(20, {9})));
+    ASSERT_TRUE(events.waitFor(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_EQ(1u, events.frames().size());
+    EXPECT_EQ(9, events.frames()[0][8]);
+}
+
+TEST_F(TransferClientTest, AFrameTooShortForAnActionIdIsDroppedAndTheLinkGoesOn) {
+    service->on(1, [](const Bytes&) {
+        return std::vector<FakeService::Reply>{{Bytes{1}}, {Bytes{1, 0}}, {Bytes{1, 0, 0}}, {body(1, {5})}};
+    });
+    startWithCallback();
+    Bytes reply;
+    ASSERT_EQ(0, call(body(1), 5, &reply));
+    EXPECT_EQ(body(1, {5}), reply);
+    EXPECT_EQ(3u, log.count("too short for an action ID"));
+    ASSERT_TRUE(service->push(body(20, {1})));
+    ASSERT_TRUE(events.waitFor(1));
+    EXPECT_EQ(20, events.ids()[0]);
+}
+
+TEST_F(TransferClientTest, ALengthBeyondTheLimitGivesTheLinkUp) {
+    for (uint32_t claimed : {Frame::kMaxLength + 1, 0x7FFFFFFBu}) {
+        SCOPED_TRACE(claimed);
+        EventRecorder lost;
+        startAndAwaitAccept();
+        client->setActionCallBack(EventRecorder::onAction, &lost);
+        Bytes header = pelktest::BodyBuilder(static_cast<int32_t>(claimed)).i32(20);
+        ASSERT_TRUE(service->sendRaw(header));
+        ASSERT_TRUE(lost.waitFor(1, 2000));
+        EXPECT_EQ(46, lost.ids()[0]) << ::testing::PrintToString(lost.ids());
+        EXPECT_TRUE(log.contains("-byte limit: giving the link up"));
+        client->stopTransfer();
+    }
+}
+
+TEST_F(TransferClientTest, QueuesAreBoundedAndLoseTheirOldestFrames) {
+    const int events = static_cast<int>(TransferClient::kMaxQueuedEvents) + 5;
+    service->answer(44, body(44));
+    ASSERT_TRUE(client->startTransfer());
+    for (int i = 0; i < events; ++i) {
+        ASSERT_TRUE(service->push(body(20, {i})));
+    }
+    ASSERT_EQ(0, call(body(44), 30));  // its reply follows every event
+    EXPECT_EQ(5u, log.count("Event queue full: dropped the oldest"));
+    EventRecorder delivered;
+    client->setActionCallBack(EventRecorder::onAction, &delivered);
+    ASSERT_TRUE(delivered.waitFor(TransferClient::kMaxQueuedEvents, 20000));
+    const Bytes first = delivered.frames()[0];
+    EXPECT_EQ(5, first[8]);
+
+    const int replies = static_cast<int>(TransferClient::kMaxUnclaimedReplies) + 3;
+    for (int i = 0; i < replies; ++i) {
+        ASSERT_TRUE(service->push(body(2, {i})));
+    }
+    ASSERT_TRUE(waitForLog("Receive service response action:2", replies));
+    EXPECT_EQ(3u, log.count("Reply queue full: dropped the oldest"));
+    ASSERT_EQ(0, call(body(44), 5));
+    client->stopTransfer();
+}
+
+TEST_F(TransferClientTest, OnceTheLossIsKnownCallsSayDisconnected) {
+    ASSERT_TRUE(client->startTransfer());  // no callback: the loss event stays untaken
+    service->closeConnection();
+    ASSERT_TRUE(waitForLog("onNetException called."));
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(1107, call(body(44), 5));
+    Bytes request = body(27);
+    char* none = nullptr;
+    EXPECT_EQ(1107, client->serviceCall(reinterpret_cast<char*>(request.data()), 4, none, nullptr, 5));
+    EXPECT_LT(secondsSince(start), 0.5);
+    EXPECT_FALSE(log.contains("Send data fail!"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Paths the faults above do not reach
+
+TEST_F(TransferClientTest, AFailedSendReleasesTheServiceForTheNextCall) {
+    EXPECT_EQ(1105, call(body(44), 1));  // no connection yet
+    EXPECT_EQ('W', levelOf("Send data fail!"));
+    service->answer(44, body(44));
+    ASSERT_TRUE(client->startTransfer());
+    ASSERT_EQ(0, call(body(44), 5));
+
+    service->stallReading(true);
+    Bytes huge = pelktest::BodyBuilder(45).zeros(16 << 20);
+    char* none = nullptr;
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(1105, client->serviceCall(reinterpret_cast<char*>(huge.data()), static_cast<int>(huge.size()), none,
+                                        nullptr, 5));
+    EXPECT_GE(secondsSince(start), 4.5);
+    EXPECT_EQ(2u, log.count("Send data fail!"));
+    client->stopTransfer();  // the stream is broken; the service mutex must not be
+    service->stallReading(false);
+    ASSERT_TRUE(client->startTransfer());
+    EXPECT_EQ(0, call(body(44), 5));
+}
+
+void ignoreSignal(int) {}
+
+TEST_F(TransferClientTest, ASignalWhileACallWaitsDoesNotEndIt) {
+    struct sigaction quiet = {};
+    quiet.sa_handler = ignoreSignal;  // no SA_RESTART: interrupted calls fail with EINTR
+    struct sigaction previous = {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &quiet, &previous));
+    service->answer(44, body(44, {1}), 300);
+    ASSERT_TRUE(client->startTransfer());
+    std::atomic<int> result{-1};
+    std::atomic<bool> started{false};
+    std::thread caller([&] {
+        started = true;
+        result = call(body(44), 5);
+    });
+    while (!started) {
+        std::this_thread::yield();
+    }
+    while (result < 0) {
+        pthread_kill(caller.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    caller.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_EQ(0, result.load());
+}
+
+TEST_F(TransferClientTest, AReplyAndEventsArrivingInOneReadAreEachRouted) {
+    service->on(44, [this](const Bytes&) {
+        Bytes burst = pelktest::frame(body(20, {1}));
+        for (const Bytes& more : {pelktest::frame(body(44, {7})), pelktest::frame(body(45, {2}))}) {
+            burst.insert(burst.end(), more.begin(), more.end());
+        }
+        service->sendRaw(burst);
+        return std::vector<FakeService::Reply>{};
+    });
+    startWithCallback();
+    Bytes reply;
+    ASSERT_EQ(0, call(body(44), 5, &reply));
+    EXPECT_EQ(body(44, {7}), reply);
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_EQ((std::vector<int32_t>{20, 45}), events.ids());
 }
 
 }  // namespace

@@ -4,11 +4,11 @@
 #include <dirent.h>
 #include <errno.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +27,12 @@ namespace {
 
 const long kNanosPerSecond = 1000000000L;
 const int kPathBufferSize = 260;
+
+std::atomic<uint64_t> g_syscalls{0};
+
+void countSyscall() {
+    g_syscalls.fetch_add(1, std::memory_order_relaxed);
+}
 
 struct ThreadStart {
     unsigned int (*fn)(void*);
@@ -65,6 +71,7 @@ int waitForEvents(long sock, short events, int seconds, int microseconds, short*
     }
     int result;
     do {
+        countSyscall();
         result = ppoll(&entry, 1, limitPointer, nullptr);
     } while (result < 0 && errno == EINTR);
     if (result > 0 && (entry.revents & POLLNVAL) != 0) {
@@ -77,8 +84,8 @@ int waitForEvents(long sock, short events, int seconds, int microseconds, short*
     return result;
 }
 
-int sendAll(long sock, const char* buffer, int length, int flags, int seconds, int* sent, bool probePeer,
-            const char* timeoutMessage) {
+// The checks before any send: -1 no socket or no buffer, 1 nothing to send, 0 go on.
+int checkSend(long sock, const char* buffer, int length) {
     if (sock == OSAL_INVALID_SOCKET || isInvalidSocket(sock)) {
         ZT_LOG(ZT_LOG_ERROR, "OSAL_INVALID_SOCKET == sock!");
         return -1;
@@ -89,6 +96,15 @@ int sendAll(long sock, const char* buffer, int length, int flags, int seconds, i
     if (buffer == nullptr) {
         ZT_LOG(ZT_LOG_WARNING, "socket error:%d! socket=%d", EFAULT, static_cast<int>(sock));
         return -1;
+    }
+    return 0;
+}
+
+int sendAll(long sock, const char* buffer, int length, int flags, int seconds, int* sent, bool probePeer,
+            const char* timeoutMessage) {
+    const int checked = checkSend(sock, buffer, length);
+    if (checked != 0) {
+        return checked;
     }
     int done = 0;
     while (done < length) {
@@ -109,6 +125,7 @@ int sendAll(long sock, const char* buffer, int length, int flags, int seconds, i
         }
         // MSG_NOSIGNAL: a peer that vanished must not kill the app with SIGPIPE. MSG_DONTWAIT:
         // a blocking send of the rest would wait for a stalled peer forever, past the time-out.
+        countSyscall();
         ssize_t result = send(static_cast<int>(sock), buffer + done, static_cast<size_t>(length - done),
                               flags | MSG_NOSIGNAL | MSG_DONTWAIT);
         if (result > 0) {
@@ -148,6 +165,10 @@ timespec deadlineAfterMs(const timespec& now, int ms) {
         deadline.tv_nsec %= kNanosPerSecond;
     }
     return deadline;
+}
+
+uint64_t syscallCount() {
+    return g_syscalls.load(std::memory_order_relaxed);
 }
 
 }  // namespace detail
@@ -254,8 +275,9 @@ void OSAbstractLayer::osal_sleep_ms(int ms) {
         return;
     }
     struct timespec rest = {ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
-    while (nanosleep(&rest, &rest) != 0 && errno == EINTR) {
-    }
+    do {
+        countSyscall();
+    } while (nanosleep(&rest, &rest) != 0 && errno == EINTR);
 }
 
 long OSAbstractLayer::osal_monotonic_seconds() {
@@ -325,6 +347,7 @@ int OSAbstractLayer::osal_destroy_condition(pthread_cond_t* cond) {
 }
 
 int OSAbstractLayer::osal_wait_condition(pthread_cond_t* cond, pthread_mutex_t* mutex, int ms) {
+    countSyscall();
     if (ms < 0) {
         pthread_cond_wait(cond, mutex);
         return 0;
@@ -341,10 +364,12 @@ int OSAbstractLayer::osal_wait_condition(pthread_cond_t* cond, pthread_mutex_t* 
 }
 
 void OSAbstractLayer::osal_signal_condition(pthread_cond_t* cond) {
+    countSyscall();
     pthread_cond_signal(cond);
 }
 
 void OSAbstractLayer::osal_broadcast_condition(pthread_cond_t* cond) {
+    countSyscall();
     pthread_cond_broadcast(cond);
 }
 
@@ -418,40 +443,6 @@ int OSAbstractLayer::osal_lock_cond_ms(sem_t* sem, int ms) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Wake-up events
-
-long OSAbstractLayer::osal_create_event() {
-    int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return event < 0 ? OSAL_INVALID_SOCKET : static_cast<long>(event);
-}
-
-void OSAbstractLayer::osal_destroy_event(long event) {
-    if (!isInvalidSocket(event)) {
-        close(static_cast<int>(event));
-    }
-}
-
-void OSAbstractLayer::osal_signal_event(long event) {
-    if (!isInvalidSocket(event)) {
-        const uint64_t one = 1;
-        (void)!write(static_cast<int>(event), &one, sizeof(one));
-    }
-}
-
-int OSAbstractLayer::osal_wait_event(long event, int ms) {
-    if (isInvalidSocket(event)) {
-        osal_sleep_ms(ms);
-        return 2;
-    }
-    if (waitForEvents(event, POLLIN, ms / 1000, (ms % 1000) * 1000, nullptr) <= 0) {
-        return 2;
-    }
-    uint64_t count = 0;
-    (void)!read(static_cast<int>(event), &count, sizeof(count));
-    return 0;
-}
-
-// ---------------------------------------------------------------------------------------------
 // Sockets
 
 int OSAbstractLayer::osal_socketReadable(long sock, int seconds, int microseconds) {
@@ -484,6 +475,7 @@ bool OSAbstractLayer::osal_socketAvailable(long sock) {
         return true;
     }
     char probe;
+    countSyscall();
     ssize_t peeked = recv(static_cast<int>(sock), &probe, 1, MSG_PEEK | MSG_DONTWAIT);
     if (peeked == 0) {
         ZT_LOG(ZT_LOG_DEBUG, "the socket is closed.socket=%d", static_cast<int>(sock));
@@ -520,6 +512,7 @@ bool OSAbstractLayer::osal_socketConnected(long sock, int seconds) {
     const bool writable = (revents & (POLLOUT | POLLERR)) != 0;
     if (readable) {
         char probe;
+        countSyscall();
         ssize_t peeked = recv(static_cast<int>(sock), &probe, 1, MSG_PEEK | MSG_DONTWAIT);
         if (peeked == 0) {
             ZT_LOG(ZT_LOG_INFO, "the socket is closed.");
@@ -575,6 +568,7 @@ int OSAbstractLayer::osal_recvn(long sock, char* buffer, int length, int flags, 
             ZT_LOG(ZT_LOG_DEBUG, "recvn timeout!");
             return 0;
         }
+        countSyscall();
         ssize_t result = recv(static_cast<int>(sock), buffer + done, static_cast<size_t>(length - done), flags);
         if (result > 0) {
             done += static_cast<int>(result);
@@ -633,6 +627,7 @@ int OSAbstractLayer::osal_checkLocalPortOpen(int port, bool* open) {
 }
 
 long OSAbstractLayer::osal_create_tcp_socket() {
+    countSyscall();
     int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     return sock < 0 ? OSAL_INVALID_SOCKET : static_cast<long>(sock);
 }
@@ -646,27 +641,78 @@ int OSAbstractLayer::osal_connect(long sock, const char* host, int port) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = inet_addr(host);
     address.sin_port = htons(static_cast<uint16_t>(port));
+    countSyscall();
     return connect(static_cast<int>(sock), reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0 ? 0 : 1;
 }
 
 int OSAbstractLayer::osal_close_socket(long sock) {
+    countSyscall();
     return isInvalidSocket(sock) ? 1 : (close(static_cast<int>(sock)) == 0 ? 0 : 1);
 }
 
 int OSAbstractLayer::osal_shutdown_socket(long sock) {
+    countSyscall();
     return isInvalidSocket(sock) ? 1 : (shutdown(static_cast<int>(sock), SHUT_RDWR) == 0 ? 0 : 1);
 }
 
-int OSAbstractLayer::osal_peek(long sock, char* buffer, int length) {
-    if (isInvalidSocket(sock) || buffer == nullptr || length < 0) {
-        errno = EBADF;
+int OSAbstractLayer::osal_send_all(long sock, const char* buffer, int length, int seconds) {
+    const int checked = checkSend(sock, buffer, length);
+    if (checked != 0) {
+        return checked;
+    }
+    const int64_t deadline = osal_monotonic_ms() + static_cast<int64_t>(seconds) * 1000;
+    int done = 0;
+    while (done < length) {
+        countSyscall();
+        // MSG_NOSIGNAL: a peer that vanished must not kill the app with SIGPIPE.
+        ssize_t result = send(static_cast<int>(sock), buffer + done, static_cast<size_t>(length - done),
+                              MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (result > 0) {
+            done += static_cast<int>(result);
+            continue;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            ZT_LOG(ZT_LOG_WARNING, "socket error:%d! socket=%d", errno, static_cast<int>(sock));
+            return -1;
+        }
+        const int64_t left = deadline - osal_monotonic_ms();
+        const int ready =
+            left <= 0 ? 0 : waitForEvents(sock, POLLOUT, static_cast<int>(left / 1000), static_cast<int>(left % 1000) * 1000, nullptr);
+        if (ready < 0) {
+            ZT_LOG(ZT_LOG_ERROR, "select error:%d, socket=%d", errno, static_cast<int>(sock));
+            return -1;
+        }
+        if (ready == 0) {
+            ZT_LOG(ZT_LOG_WARNING, "osal_send_all timeout! socket=%d, error:%d", static_cast<int>(sock), errno);
+            return 0;
+        }
+    }
+    return 1;
+}
+
+int OSAbstractLayer::osal_recv_some(long sock, char* buffer, int length, bool dontWait) {
+    if (isInvalidSocket(sock) || buffer == nullptr || length < 1) {
+        errno = EINVAL;
         return -1;
     }
     ssize_t result;
     do {
-        result = recv(static_cast<int>(sock), buffer, static_cast<size_t>(length), MSG_PEEK | MSG_DONTWAIT);
+        countSyscall();
+        result = recv(static_cast<int>(sock), buffer, static_cast<size_t>(length), dontWait ? MSG_DONTWAIT : 0);
     } while (result < 0 && errno == EINTR);
     return static_cast<int>(result);
+}
+
+int OSAbstractLayer::osal_set_receive_timeout(long sock, int ms) {
+    if (isInvalidSocket(sock)) {
+        return 1;
+    }
+    struct timeval limit = {ms / 1000, static_cast<suseconds_t>(ms % 1000) * 1000};
+    countSyscall();
+    return setsockopt(static_cast<int>(sock), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) == 0 ? 0 : 1;
 }
 
 uint32_t OSAbstractLayer::osal_inet_addr(const char* text) {

@@ -143,6 +143,17 @@ void FakeService::resetConnection() {
     dropClient(true);
 }
 
+void FakeService::stallReading(bool stalled) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_stalled = stalled;
+    if (stalled && m_clientFd >= 0) {
+        const int small = 4096;  // a buffer that fills soon instead of growing
+        setsockopt(m_clientFd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    }
+    const char wake = 'r';
+    (void)!write(m_wakeFds[1], &wake, 1);
+}
+
 // A client's connect can complete before this side has accepted it; wait for the accept.
 bool FakeService::awaitClient(std::unique_lock<std::mutex>& lock) {
     return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; });
@@ -250,15 +261,17 @@ int FakeService::waitTimeoutMs() const {
 void FakeService::serve() {
     for (;;) {
         int clientFd;
+        bool stalled;
         {
             std::lock_guard<std::mutex> guard(m_mutex);
             if (m_stopping) {
                 return;
             }
             clientFd = m_clientFd;
+            stalled = m_stalled;
         }
         struct pollfd fds[3] = {{m_listenFd, POLLIN, 0}, {m_wakeFds[0], POLLIN, 0}, {clientFd, POLLIN, 0}};
-        const nfds_t count = clientFd >= 0 ? 3 : 2;
+        const nfds_t count = clientFd >= 0 && !stalled ? 3 : 2;
         int ready = poll(fds, count, waitTimeoutMs());
         if (ready < 0 && errno != EINTR) {
             return;

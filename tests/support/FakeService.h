@@ -72,6 +72,8 @@ public:
     // Ends the current connection with an orderly close, or with a reset.
     void closeConnection();
     void resetConnection();
+    // While stalled the service reads nothing, so the client's requests fill the socket buffers.
+    void stallReading(bool stalled);
 
     // Waits until `count` connections have been accepted in all.
     bool waitForConnections(int count, int timeoutMs = 5000);
@@ -108,6 +110,7 @@ private:
     int m_wakeFds[2] = {-1, -1};
     int m_clientFd = -1;  // guarded by m_mutex for writes from the test thread
     bool m_stopping = false;
+    bool m_stalled = false;
     int m_connections = 0;
     Bytes m_inbox;  // bytes read from the client and not yet framed
     std::vector<Bytes> m_received;

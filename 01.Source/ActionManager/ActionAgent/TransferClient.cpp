@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -24,11 +25,15 @@ namespace {
 // Idle polls back off along this table and return to its start after every piece of work.
 const int kBackOffMs[] = {1, 2, 3, 5, 8, 13, 21, 34, 50};
 const size_t kLastBackOff = sizeof(kBackOffMs) / sizeof(kBackOffMs[0]) - 1;
-// The response waiter never sleeps longer than this between polls.
+// A caller waiting for its reply checks its time-out and the link at least this often.
 const int kResponsePollCapMs = 10;
+// After a caller's last read the receiver keeps off the socket this long, so that calls made in
+// a row, each reading its own reply, do not wake it.
+const int kHandBackMs = 2;
 
 const int kQueueCapacity = 64;
 const int kSendTimeoutSeconds = 5;
+// A frame that has stopped arriving for this long is dropped.
 const int kFrameReadTimeoutSeconds = 20;
 const int kNetExceptionPollMs = 50;
 const int kNetExceptionSettleMs = 1000;
@@ -51,15 +56,69 @@ uint32_t getLittleEndian32(const char* at) {
     return Wire::DecodeFixed32(reinterpret_cast<const unsigned char*>(at));
 }
 
-unsigned int freeQueued(Common::Queue<char*>& queue) {
-    unsigned int freed = 0;
-    char* frame = nullptr;
-    while (queue.pop(&frame)) {
-        delete[] frame;
-        ++freed;
-    }
-    return freed;
+size_t frameSize(const char* frame) {
+    return static_cast<size_t>(getLittleEndian32(frame)) + Frame::MSG_LENGTH_OFFSET;
 }
+
+// A queue of frames with bounds: past them the oldest frame is dropped with a log line, so that a
+// flooding peer or a callback that is never set cannot make it grow without end.
+class FrameQueue {
+public:
+    FrameQueue(const char* what, unsigned int maxFrames, size_t maxBytes)
+        : m_queue(kQueueCapacity), m_szWhat(what), m_nMaxFrames(maxFrames), m_nMaxBytes(maxBytes), m_nBytes(0),
+          m_nDropped(0) {}
+    ~FrameQueue() { clear(); }
+    FrameQueue(const FrameQueue&) = delete;
+    FrameQueue& operator=(const FrameQueue&) = delete;
+
+    // Takes the frame over; the newest frame is always kept.
+    void push(char* frame) {
+        const size_t size = frameSize(frame);
+        m_queue.lock();
+        char* oldest = nullptr;
+        while ((m_queue.size() >= m_nMaxFrames || m_nBytes + size > m_nMaxBytes) && m_queue.top_unlock(&oldest)) {
+            m_nBytes -= frameSize(oldest);
+            ZT_LOG(Common::ZT_LOG_WARNING, "%s queue full: dropped the oldest, action:%d (%u dropped)", m_szWhat,
+                   Frame::actionIdOf(oldest), ++m_nDropped);
+            delete[] oldest;
+        }
+        if (m_queue.push_unlock(frame)) {
+            m_nBytes += size;
+        } else {
+            delete[] frame;
+        }
+        m_queue.unlock();
+    }
+
+    bool pop(char** frame) {
+        m_queue.lock();
+        const bool taken = m_queue.top_unlock(frame);
+        if (taken) {
+            m_nBytes -= frameSize(*frame);
+        }
+        m_queue.unlock();
+        return taken;
+    }
+
+    bool empty() const { return m_queue.empty(); }
+
+    // Frees every frame held; returns how many.
+    unsigned int clear() {
+        unsigned int freed = 0;
+        for (char* frame = nullptr; pop(&frame); ++freed) {
+            delete[] frame;
+        }
+        return freed;
+    }
+
+private:
+    Common::Queue<char*> m_queue;
+    const char* const m_szWhat;
+    const unsigned int m_nMaxFrames;
+    const size_t m_nMaxBytes;
+    size_t m_nBytes;          // guarded by the queue's mutex
+    unsigned int m_nDropped;  // guarded by the queue's mutex
+};
 
 }  // namespace
 
@@ -91,6 +150,12 @@ struct LinkRun {
     // Each of the run's threads says when it is done with the run's socket and queues.
     void setThreadDone(bool LinkRun::*flag, bool done);
     void waitForThreadDone(bool LinkRun::*flag);
+    // How long the receiver should keep off the socket now: 0 unless a caller reads or just did.
+    int receiverPauseMs() const;
+    // True once an unfinished frame has had no new byte for the frame read time-out.
+    bool frameStalled() const;
+    // Frees the frames still queued, saying how many there were.
+    void dropQueued();
 
     SocketClient* const m_pOwner;
     const long m_nSock;
@@ -100,8 +165,14 @@ struct LinkRun {
     std::atomic<bool> m_fReceiving;   // the receiver thread is meant to run
     std::atomic<bool> m_fActive;      // frames are handed out: until a stop or the receiver's end
     std::atomic<bool> m_fStopped;     // stopped on purpose, not lost
-    Common::Queue<char*> m_actionCallBackQueue;
-    Common::Queue<char*> m_responseQueue;
+    std::atomic<bool> m_fLost;        // the connection failed: calls fail with 1107 from now on
+    std::atomic<int> m_nReading;      // calls in flight, each reading its own reply
+    std::atomic<bool> m_fCallBackWatching;  // the idle callback thread reads the socket itself
+    std::atomic<int64_t> m_nLastCallMs;
+    std::atomic<int64_t> m_nPartialSinceMs;  // the last byte of an unfinished frame; 0 when none
+    Frame::Reader m_reader;                   // guarded by the client's socket mutex
+    FrameQueue m_events;
+    FrameQueue m_replies;
 
     pthread_mutex_t m_stateMutex;
     pthread_cond_t m_changed;
@@ -121,8 +192,13 @@ LinkRun::LinkRun(SocketClient* owner, long sock)
       m_fReceiving(false),
       m_fActive(true),
       m_fStopped(false),
-      m_actionCallBackQueue(kQueueCapacity),
-      m_responseQueue(kQueueCapacity),
+      m_fLost(false),
+      m_nReading(0),
+      m_fCallBackWatching(false),
+      m_nLastCallMs(0),
+      m_nPartialSinceMs(0),
+      m_events("Event", TransferClient::kMaxQueuedEvents, TransferClient::kMaxQueuedBytes),
+      m_replies("Reply", TransferClient::kMaxUnclaimedReplies, TransferClient::kMaxQueuedBytes),
       m_fWorkPending(false),
       m_fCallBackWaiting(false),
       m_fReceiverDone(true),
@@ -133,11 +209,7 @@ LinkRun::LinkRun(SocketClient* owner, long sock)
 }
 
 LinkRun::~LinkRun() {
-    const unsigned int dropped = freeQueued(m_actionCallBackQueue) + freeQueued(m_responseQueue);
-    if (dropped > 0) {
-        ZT_LOG(Common::ZT_LOG_INFO, "Dropped %u frames of connection %d, which has ended", dropped,
-               static_cast<int>(m_nSock));
-    }
+    dropQueued();
     OSAbstractLayer::osal_close_socket(m_nSock);
     OSAbstractLayer::osal_destroy_condition(&m_workArrived);
     OSAbstractLayer::osal_destroy_condition(&m_changed);
@@ -176,9 +248,14 @@ void LinkRun::sleepUnlessStopped(int ms) {
 }
 
 void LinkRun::signalWork() {
-    MutexGuard guard(&m_stateMutex);
-    m_fWorkPending = true;
-    if (m_fCallBackWaiting) {
+    bool waiting = false;
+    {
+        MutexGuard guard(&m_stateMutex);
+        m_fWorkPending = true;
+        waiting = m_fCallBackWaiting;
+    }
+    // After the unlock, so that the woken thread does not at once wait for this one's mutex.
+    if (waiting) {
         OSAbstractLayer::osal_signal_condition(&m_workArrived);
     }
 }
@@ -206,6 +283,27 @@ void LinkRun::waitForThreadDone(bool LinkRun::*flag) {
     }
 }
 
+int LinkRun::receiverPauseMs() const {
+    if (m_nReading > 0) {
+        return kResponsePollCapMs;
+    }
+    const int64_t since = OSAbstractLayer::osal_monotonic_ms() - m_nLastCallMs;
+    return since < kHandBackMs ? static_cast<int>(kHandBackMs - since) : 0;
+}
+
+bool LinkRun::frameStalled() const {
+    const int64_t since = m_nPartialSinceMs;
+    return since != 0 && OSAbstractLayer::osal_monotonic_ms() - since >= kFrameReadTimeoutSeconds * 1000;
+}
+
+void LinkRun::dropQueued() {
+    const unsigned int dropped = m_events.clear() + m_replies.clear();
+    if (dropped > 0) {
+        ZT_LOG(Common::ZT_LOG_INFO, "Dropped %u frames of the closed connection %d", dropped,
+               static_cast<int>(m_nSock));
+    }
+}
+
 namespace {
 
 // A counted reference to a run for one scope.
@@ -217,6 +315,50 @@ public:
     RunRef& operator=(const RunRef&) = delete;
     LinkRun* get() const { return m_pRun; }
     LinkRun* operator->() const { return m_pRun; }
+
+private:
+    LinkRun* m_pRun;
+};
+
+// Holds one of the client's logged locks for a scope.
+class ClientLock {
+public:
+    ClientLock(TransferClient* client, bool (TransferClient::*lock)(), bool (TransferClient::*unlock)())
+        : m_pClient(client), m_unlock(unlock), m_fHeld((client->*lock)()) {}
+    ~ClientLock() {
+        if (m_fHeld) {
+            (m_pClient->*m_unlock)();
+        }
+    }
+    ClientLock(const ClientLock&) = delete;
+    ClientLock& operator=(const ClientLock&) = delete;
+
+    bool held() const { return m_fHeld; }
+    // For the one path that leaves the lock held on purpose.
+    void keepLocked() { m_fHeld = false; }
+
+private:
+    TransferClient* m_pClient;
+    bool (TransferClient::*m_unlock)();
+    bool m_fHeld;
+};
+
+// Marks a call as its run's reader from before its send to its end.
+class ReadingCall {
+public:
+    explicit ReadingCall(LinkRun* run) : m_pRun(run) {
+        if (m_pRun != nullptr) {
+            m_pRun->m_nReading.fetch_add(1);
+        }
+    }
+    ~ReadingCall() {
+        if (m_pRun != nullptr) {
+            m_pRun->m_nLastCallMs = OSAbstractLayer::osal_monotonic_ms();
+            m_pRun->m_nReading.fetch_sub(1);
+        }
+    }
+    ReadingCall(const ReadingCall&) = delete;
+    ReadingCall& operator=(const ReadingCall&) = delete;
 
 private:
     LinkRun* m_pRun;
@@ -257,6 +399,125 @@ char* build(const char* message, uint32_t length) {
     return frame;
 }
 
+Reader::Reader()
+    : m_pStaging(nullptr), m_nBegin(0), m_nEnd(0), m_pLarge(nullptr), m_nLargeTotal(0), m_nLargeFilled(0),
+      m_nLargeCapacity(0) {}
+
+Reader::~Reader() {
+    delete[] m_pLarge;
+    delete[] m_pStaging;
+}
+
+char* Reader::space(int* room) {
+    if (m_pLarge != nullptr) {
+        if (m_nLargeFilled == m_nLargeCapacity) {
+            const size_t capacity = std::min(m_nLargeTotal, 2 * m_nLargeCapacity);
+            char* grown = new (std::nothrow) char[capacity];
+            if (grown == nullptr) {
+                return nullptr;
+            }
+            memcpy(grown, m_pLarge, m_nLargeFilled);
+            delete[] m_pLarge;
+            m_pLarge = grown;
+            m_nLargeCapacity = capacity;
+        }
+        *room = static_cast<int>(std::min<size_t>(m_nLargeCapacity - m_nLargeFilled, INT_MAX));
+        return m_pLarge + m_nLargeFilled;
+    }
+    if (m_pStaging == nullptr) {
+        m_pStaging = new (std::nothrow) char[kStagingSize];
+        if (m_pStaging == nullptr) {
+            return nullptr;
+        }
+    }
+    if (m_nBegin > 0) {
+        memmove(m_pStaging, m_pStaging + m_nBegin, static_cast<size_t>(m_nEnd - m_nBegin));
+        m_nEnd -= m_nBegin;
+        m_nBegin = 0;
+    }
+    *room = kStagingSize - m_nEnd;
+    return m_pStaging + m_nEnd;
+}
+
+void Reader::commit(int count) {
+    if (m_pLarge != nullptr) {
+        m_nLargeFilled += static_cast<size_t>(count);
+    } else {
+        m_nEnd += count;
+    }
+}
+
+Reader::Result Reader::next(char** frame, uint32_t* length) {
+    if (m_pLarge != nullptr) {
+        if (m_nLargeFilled < m_nLargeTotal) {
+            return kIncomplete;
+        }
+        *length = static_cast<uint32_t>(m_nLargeTotal - MSG_LENGTH_OFFSET);
+        *frame = m_pLarge;
+        m_pLarge = nullptr;
+        m_nLargeTotal = m_nLargeFilled = m_nLargeCapacity = 0;
+        return kComplete;
+    }
+    const int available = m_nEnd - m_nBegin;
+    if (available < MSG_LENGTH_OFFSET) {
+        return kIncomplete;
+    }
+    const char* at = m_pStaging + m_nBegin;
+    *length = lengthOf(at);
+    if (*length > kMaxLength) {
+        return kTooLong;
+    }
+    const size_t total = static_cast<size_t>(*length) + MSG_LENGTH_OFFSET;
+    if (static_cast<size_t>(available) < total) {
+        if (total <= static_cast<size_t>(kStagingSize)) {
+            return kIncomplete;
+        }
+        // Grown from here as the bytes come, never to more than arrive.
+        const size_t capacity = std::min(total, std::max<size_t>(2 * kStagingSize, static_cast<size_t>(available)));
+        m_pLarge = new (std::nothrow) char[capacity];
+        if (m_pLarge == nullptr) {
+            return kOutOfMemory;
+        }
+        memcpy(m_pLarge, at, static_cast<size_t>(available));
+        m_nLargeTotal = total;
+        m_nLargeFilled = static_cast<size_t>(available);
+        m_nLargeCapacity = capacity;
+        m_nBegin = m_nEnd = 0;
+        return kIncomplete;
+    }
+    if (*length < sizeof(int32_t)) {
+        m_nBegin += static_cast<int>(total);
+        return kTooShort;
+    }
+    *frame = new (std::nothrow) char[total];
+    if (*frame == nullptr) {
+        return kOutOfMemory;
+    }
+    memcpy(*frame, at, total);
+    m_nBegin += static_cast<int>(total);
+    return kComplete;
+}
+
+size_t Reader::pending() const {
+    return m_pLarge != nullptr ? m_nLargeFilled : static_cast<size_t>(m_nEnd - m_nBegin);
+}
+
+bool Reader::partialHeader() const {
+    const size_t held = pending();
+    return m_pLarge == nullptr && held > 0 && held < static_cast<size_t>(kHeaderSize);
+}
+
+void Reader::discardPending(uint32_t* length, int32_t* actionID) {
+    const size_t held = pending();
+    const char* at = m_pLarge != nullptr ? m_pLarge : m_pStaging + (held > 0 ? m_nBegin : 0);
+    *length = held >= static_cast<size_t>(MSG_LENGTH_OFFSET) ? lengthOf(at) : 0;
+    *actionID = held >= static_cast<size_t>(kHeaderSize) ? actionIdOf(at) : 0;
+    delete[] m_pLarge;
+    m_pLarge = nullptr;
+    m_nLargeTotal = m_nLargeFilled = m_nLargeCapacity = 0;
+    m_nBegin = m_nEnd = 0;
+}
+
 }  // namespace Frame
 
 // ---------------------------------------------------------------------------------------------
@@ -275,23 +536,28 @@ SocketClient::SocketClient()
 }
 
 SocketClient::~SocketClient() {
-    LinkRun* run = detachRun();
-    if (run != nullptr) {
-        run->stop();
-        if (run->m_fReceiving) {
-            stopReceiverOf(run);
-        }
-        if (run->m_fSocketOpen) {
-            closeSocketOf(run);
-        }
-        LinkRun::release(run);
-    }
+    retireRun();
     waitForThreads();
     OSAbstractLayer::osal_destroy_condition(&m_threadsEnded);
     OSAbstractLayer::osal_destroy_mutex(&m_threadsMutex);
     OSAbstractLayer::osal_destroy_mutex(&m_runMutex);
     OSAbstractLayer::osal_destroy_mutex(&m_clientSockMutex);
     ZT_LOG(Common::ZT_LOG_DEBUG, "osal_destroy_network called.");
+}
+
+void SocketClient::retireRun() {
+    LinkRun* run = detachRun();
+    if (run == nullptr) {
+        return;
+    }
+    run->stop();
+    if (run->m_fReceiving) {
+        stopReceiverOf(run);
+    }
+    if (run->m_fSocketOpen) {
+        closeSocketOf(run);
+    }
+    LinkRun::release(run);
 }
 
 bool SocketClient::createSocket() {
@@ -334,6 +600,8 @@ bool SocketClient::connectToServer() {
         ZT_LOG(Common::ZT_LOG_ERROR, "Failed to connect to port :[%d], error=%d\n", kServicePort, errno);
         return false;
     }
+    // A caller blocked reading its reply looks at its time-out and the link this often.
+    OSAbstractLayer::osal_set_receive_timeout(run->m_nSock, kResponsePollCapMs);
     ZT_LOG(Common::ZT_LOG_INFO, "Socket Client is connectted to server.");
     return true;
 }
@@ -504,39 +772,53 @@ void SocketClient::waitForThreads() {
     }
 }
 
+bool SocketClient::watchOnce(LinkRun* run, size_t& backOff) {
+    // Waits as long as the back-off says, but wakes as soon as data arrives.
+    const int ready = OSAbstractLayer::osal_socketReadable(run->m_nSock, 0, nextBackOff(backOff) * 1000);
+    if (ready < 0) {
+        ZT_LOG(Common::ZT_LOG_ERROR, "select fail! socket=%d, error=%d", static_cast<int>(run->m_nSock), errno);
+        return false;
+    }
+    if (ready == 0 && !run->frameStalled()) {
+        return true;
+    }
+    if (OSAbstractLayer::osal_trylock_mutex(&m_clientSockMutex) != 0) {
+        run->waitForChange(1);  // a call has the socket; the pause for callers follows
+        return true;
+    }
+    ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
+    const bool keepGoing = receiveFrames(run);
+    unlockSocket();
+    ZT_LOG(Common::ZT_LOG_DEBUG, "after onDataReceived");
+    if (ready > 0) {
+        backOff = 0;
+    }
+    return keepGoing;
+}
+
 unsigned int SocketClient::thread_dataReceiver(void* arg) {
     LinkRun* run = static_cast<LinkRun*>(arg);
     SocketClient* pThis = run->m_pOwner;
     OSAbstractLayer::osal_detach_current_thread();
 
     size_t backOff = 0;
-    while (run->m_fReceiving) {
-        if (!pThis->lockSocket()) {
-            ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock socket!");
-            break;
-        }
-        int ready = OSAbstractLayer::osal_socketReadable(run->m_nSock, 0, 0);
-        const int error = errno;
-        pThis->unlockSocket();
-        if (ready < 0) {
-            ZT_LOG(Common::ZT_LOG_ERROR, "select fail! socket=%d, error=%d", static_cast<int>(run->m_nSock), error);
-            break;
-        }
-        if (ready == 0) {
-            // Waits as long as the back-off says, but wakes as soon as data arrives. The socket
-            // mutex stays free meanwhile; whatever the wait saw is checked again under it.
-            OSAbstractLayer::osal_socketReadable(run->m_nSock, 0, nextBackOff(backOff) * 1000);
+    size_t parked = 0;
+    while (run->m_fReceiving && !run->m_fLost) {
+        const int pauseMs = run->receiverPauseMs();
+        if (pauseMs > 0) {
+            run->waitForChange(pauseMs);  // a caller reads its own reply and whatever comes with it
             continue;
         }
-        ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
-        pThis->lockSocket();
-        const bool keepGoing = pThis->receiveFrames(run);
-        pThis->unlockSocket();
-        ZT_LOG(Common::ZT_LOG_DEBUG, "after onDataReceived");
-        if (!keepGoing) {
+        if (run->m_fCallBackWatching) {
+            // The idle callback thread reads and hands out events itself; this thread takes over
+            // when it stays busy in a callback, has no callback, or the link is lost.
+            run->waitForChange(nextBackOff(parked));
+            continue;
+        }
+        parked = 0;
+        if (!pThis->watchOnce(run, backOff)) {
             break;
         }
-        backOff = 0;
     }
 
     const bool lost = run->m_fReceiving;
@@ -572,12 +854,8 @@ TransferClient::~TransferClient() {
     if (m_fTransferStarted) {
         stopTransfer();
     }
-    // A run that was lost, or never got going, still has its threads' last steps to wait for.
-    LinkRun* run = detachRun();
-    if (run != nullptr) {
-        run->stop();
-        LinkRun::release(run);
-    }
+    // A run that was lost, or never got going, may still have threads to end and wait for.
+    retireRun();
     waitForThreads();
     OSAbstractLayer::osal_destroy_mutex(&m_mutexService);
     OSAbstractLayer::osal_destroy_mutex(&m_mutexActionCallBackFunction);
@@ -586,8 +864,11 @@ TransferClient::~TransferClient() {
 
 bool TransferClient::startTransfer() {
     if (m_fTransferStarted) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient is already started!");
-        return false;
+        if (!currentRunLost()) {
+            ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient is already started!");
+            return false;
+        }
+        stopTransfer();  // a lost link is given up rather than waited out
     }
     {
         // The new run makes older ones silent (no null frame); under the callback mutex, so that
@@ -643,6 +924,7 @@ bool TransferClient::stopTransfer() {
     }
     run->stop();
     stopReceiverOf(run.get());
+    run->dropQueued();  // nothing of a stopped connection reaches a later one
     ZT_LOG(Common::ZT_LOG_DEBUG, "waiting ActionCallBackThread...");
     // From inside a callback the callback thread is this thread, or waits for it: it ends by
     // itself once the callback returns.
@@ -667,6 +949,11 @@ void TransferClient::setActionCallBack(ActionCallBack fn, void* userData) {
     if (run.get() != nullptr) {
         run->signalWork();  // frames may be waiting for a callback
     }
+}
+
+bool TransferClient::currentRunLost() {
+    RunRef run(acquireRun());
+    return run.get() != nullptr && run->m_fLost;
 }
 
 bool TransferClient::insideCallBack() const {
@@ -700,164 +987,199 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
     }
     const int32_t requestID = static_cast<int32_t>(getLittleEndian32(buf));
     RunRef run(acquireRun());
-    if (!lockService()) {
+    ClientLock service(this, &TransferClient::lockService, &TransferClient::unlockService);
+    if (!service.held()) {
         ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock service!");
         return kServiceLockFailed;
     }
+    if (run.get() != nullptr && run->m_fLost) {
+        ZT_LOG(Common::ZT_LOG_WARNING, "server disconnected!");
+        return kServiceDisconnected;
+    }
+    ReadingCall reading(run.get());
     if (resplen != nullptr && run.get() != nullptr) {
-        // Whatever waits in the response queue before this request is sent answers an earlier,
-        // abandoned request: it can never be this call's answer.
-        char* stale = nullptr;
-        while (run->m_responseQueue.pop(&stale)) {
-            ZT_LOG(Common::ZT_LOG_ERROR, "requestActionID != responseActionID, requestActionID=%d, responseActionID=%d",
-                   requestID, stale != nullptr ? Frame::actionIdOf(stale) : 0);
-            delete[] stale;
-        }
+        discardStaleReplies(run.get(), requestID);
     }
-    if (!lockSocket()) {
+    ClientLock socket(this, &TransferClient::lockSocket, &TransferClient::unlockSocket);
+    if (!socket.held()) {
         ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock socket!");
-        return kServiceSocketLockFailed;  // the service mutex stays locked here; kept deliberately
+        service.keepLocked();  // the service mutex stays locked on this path; kept deliberately
+        return kServiceSocketLockFailed;
     }
-    char* frame = Frame::build(buf, static_cast<uint32_t>(len));
-    if (frame == nullptr) {
-        unlockSocket();
-        unlockService();
-        ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
-        return kServiceOutOfMemory;
-    }
-    const long sock = run.get() != nullptr ? run->m_nSock : OSAL_INVALID_SOCKET;
-    int sent = OSAbstractLayer::osal_sendn(sock, frame, len + Frame::MSG_LENGTH_OFFSET, 0, kSendTimeoutSeconds, nullptr);
-    delete[] frame;
-    unlockSocket();
-    if (sent <= 0) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "Send data fail!");
-        unlockService();
-        return kServiceSendFailed;
+    const int sent = sendRequest(run.get(), buf, len);
+    if (sent != kServiceOk) {
+        return sent;
     }
     if (resplen == nullptr) {
-        unlockService();
         return resp == nullptr ? kServiceOk : kServiceBadCall;
     }
     const int result = waitForResponse(run.get(), requestID, resp, resplen, timeout);
-    unlockService();
     if (result == kServiceOk) {
         ZT_LOG(Common::ZT_LOG_DEBUG, "Request action:%d finish", requestID);
     }
     return result;
 }
 
+void TransferClient::discardStaleReplies(LinkRun* run, int32_t requestID) {
+    // Whatever waits in the response queue before this request is sent answers an earlier,
+    // abandoned request: it can never be this call's answer.
+    char* stale = nullptr;
+    while (run->m_replies.pop(&stale)) {
+        ZT_LOG(Common::ZT_LOG_ERROR, "requestActionID != responseActionID, requestActionID=%d, responseActionID=%d",
+               requestID, Frame::actionIdOf(stale));
+        delete[] stale;
+    }
+}
+
+int TransferClient::sendRequest(LinkRun* run, const char* buf, int len) {
+    std::unique_ptr<char[]> frame(Frame::build(buf, static_cast<uint32_t>(len)));
+    if (frame == nullptr) {
+        ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
+        return kServiceOutOfMemory;
+    }
+    const long sock = run != nullptr ? run->m_nSock : OSAL_INVALID_SOCKET;
+    if (OSAbstractLayer::osal_send_all(sock, frame.get(), len + Frame::MSG_LENGTH_OFFSET, kSendTimeoutSeconds) <= 0) {
+        ZT_LOG(Common::ZT_LOG_WARNING, "Send data fail!");
+        return kServiceSendFailed;
+    }
+    return kServiceOk;
+}
+
 int TransferClient::waitForResponse(LinkRun* run, int32_t requestID, char*& resp, int* resplen, int timeout) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "Request action:%d send, wait for response..", requestID);
     const long start = OSAbstractLayer::osal_monotonic_seconds();
-    size_t backOff = 0;
     for (;;) {
-        if (!run->m_fActive) {
+        if (!run->m_fActive || run->m_fLost) {
             ZT_LOG(Common::ZT_LOG_WARNING, "server disconnected!");
             return kServiceDisconnected;
         }
-        if (run->m_responseQueue.empty()) {
-            const long now = OSAbstractLayer::osal_monotonic_seconds();
-            // Waits as the back-off says, but wakes as soon as a response or a loss arrives.
-            if (kBackOffMs[backOff] <= kResponsePollCapMs) {
-                run->waitForChange(kBackOffMs[backOff]);
-                ++backOff;
-            } else {
-                run->waitForChange(kResponsePollCapMs);
-            }
-            if (now - start > timeout) {
-                ZT_LOG(Common::ZT_LOG_WARNING, "timeout %ds for receiving response!", timeout);
-                return kServiceTimeout;
-            }
-            continue;
-        }
         char* popped = nullptr;
-        if (!run->m_responseQueue.pop(&popped) || popped == nullptr) {
-            ZT_LOG(Common::ZT_LOG_ERROR, "Error to get response! Check code please!");
-            return kServiceBadCall;
+        if (run->m_replies.pop(&popped)) {
+            std::unique_ptr<char[]> response(popped);
+            const int32_t responseID = Frame::actionIdOf(popped);
+            if (responseID != requestID) {
+                ZT_LOG(Common::ZT_LOG_ERROR,
+                       "requestActionID != responseActionID, requestActionID=%d, responseActionID=%d", requestID,
+                       responseID);
+                continue;
+            }
+            const uint32_t length = Frame::lengthOf(popped);
+            delete[] resp;
+            resp = new (std::nothrow) char[length];
+            if (resp == nullptr) {
+                ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
+                return kServiceOutOfMemory;
+            }
+            *resplen = static_cast<int>(length);
+            memcpy(resp, popped + Frame::MSG_LENGTH_OFFSET, length);
+            return kServiceOk;
         }
-        std::unique_ptr<char[]> response(popped);
-        const int32_t responseID = Frame::actionIdOf(popped);
-        if (responseID != requestID) {
-            ZT_LOG(Common::ZT_LOG_ERROR, "requestActionID != responseActionID, requestActionID=%d, responseActionID=%d",
-                   requestID, responseID);
-            backOff = 0;
-            continue;
+        if (OSAbstractLayer::osal_monotonic_seconds() - start > timeout) {
+            ZT_LOG(Common::ZT_LOG_WARNING, "timeout %ds for receiving response!", timeout);
+            return kServiceTimeout;
         }
-        const uint32_t length = Frame::lengthOf(popped);
-        delete[] resp;
-        resp = new (std::nothrow) char[length];
-        if (resp == nullptr) {
-            ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
-            return kServiceOutOfMemory;
+        // Blocks up to the receive time-out set at connect; a stop ends it at once.
+        if (!readSocket(run, true)) {
+            markLost(run);
         }
-        *resplen = static_cast<int>(length);
-        memcpy(resp, popped + Frame::MSG_LENGTH_OFFSET, length);
-        return kServiceOk;
     }
 }
 
 bool TransferClient::receiveFrames(LinkRun* run) {
-    char header[Frame::kHeaderSize];
-    ZT_LOG(Common::ZT_LOG_DEBUG, "before osal_recv");
-    const int peeked = OSAbstractLayer::osal_peek(run->m_nSock, header, Frame::kHeaderSize);
-    const int peekError = errno;
-    ZT_LOG(Common::ZT_LOG_DEBUG, "after osal_recv");
-    if (peeked < 0 && (peekError == EAGAIN || peekError == EWOULDBLOCK)) {
-        return true;  // nothing there after all; poll again
+    if (readSocket(run, false)) {
+        return true;
     }
-    if (peeked < 1) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "network error! m_nSockID=%d, errorno = %d", static_cast<int>(run->m_nSock),
-               peekError);
+    markLost(run);
+    return false;
+}
+
+bool TransferClient::readSocket(LinkRun* run, bool wait) {
+    int room = 0;
+    char* space = run->m_reader.space(&room);
+    if (space == nullptr) {
+        ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
         return false;
     }
-    if (peeked < Frame::kHeaderSize) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "nRead < MSG_LENGTH_OFFSET + sizeof(int)! check the code, use osal_recvn instead!");
-        return true;
+    ZT_LOG(Common::ZT_LOG_DEBUG, "before osal_recv");
+    const int received = OSAbstractLayer::osal_recv_some(run->m_nSock, space, room, !wait);
+    const int error = errno;
+    ZT_LOG(Common::ZT_LOG_DEBUG, "after osal_recv");
+    if (received > 0) {
+        run->m_reader.commit(received);
+        return takeFrames(run);
     }
-    const uint32_t length = Frame::lengthOf(header);
-    const int32_t actionID = Frame::actionIdOf(header);
-    if (length > Frame::kLengthWarningLimit) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "Wrong data! buffLen=%d", static_cast<int>(length));
+    if (received < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
+        return !run->frameStalled() || dropStalledFrame(run);
     }
-    // No upper bound rejects a frame; only what can be allocated and counted in an int.
-    char* buffer = nullptr;
-    if (length <= static_cast<uint32_t>(INT_MAX - Frame::MSG_LENGTH_OFFSET)) {
-        // Never smaller than a header, so that a short frame still has an action ID to read.
-        const size_t size = length < 4 ? Frame::kHeaderSize : static_cast<size_t>(length) + Frame::MSG_LENGTH_OFFSET;
-        buffer = new (std::nothrow) char[size]();
+    // Closed or reset: a loss, whatever was half read. After a stop it is our own shutdown.
+    if (!run->m_fStopped) {
+        ZT_LOG(Common::ZT_LOG_WARNING, "network error! m_nSockID=%d, errorno = %d", static_cast<int>(run->m_nSock),
+               received == 0 ? 0 : error);
     }
-    if (buffer == nullptr) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
-        return false;  // the frame can never be taken off the stream: give the link up
-    }
-    const int total = static_cast<int>(length) + Frame::MSG_LENGTH_OFFSET;
-    const int read = OSAbstractLayer::osal_recvn(run->m_nSock, buffer, total, 0, kFrameReadTimeoutSeconds, nullptr);
-    const int readError = errno;
-    if (read > 0) {
-        const int32_t routedID = Frame::actionIdOf(buffer);
-        if (IsEventActionID(routedID)) {
-            ZT_LOG(Common::ZT_LOG_DEBUG, "Receive ActionCallBack action:%d", routedID);
-            run->m_actionCallBackQueue.lock();
-            run->m_actionCallBackQueue.push_unlock(buffer);
-            run->m_actionCallBackQueue.unlock();
-            run->signalWork();
-        } else {
-            ZT_LOG(Common::ZT_LOG_DEBUG, "Receive service response action:%d", routedID);
-            run->m_responseQueue.lock();
-            run->m_responseQueue.push_unlock(buffer);
-            run->m_responseQueue.unlock();
-            run->broadcast();
+    return false;
+}
+
+bool TransferClient::takeFrames(LinkRun* run) {
+    for (;;) {
+        char* frame = nullptr;
+        uint32_t length = 0;
+        switch (run->m_reader.next(&frame, &length)) {
+            case Frame::Reader::kComplete:
+                if (length > Frame::kLengthWarningLimit) {
+                    ZT_LOG(Common::ZT_LOG_WARNING, "Wrong data! buffLen=%d", static_cast<int>(length));
+                }
+                route(run, frame);
+                break;
+            case Frame::Reader::kTooShort:
+                ZT_LOG(Common::ZT_LOG_WARNING, "Dropped a frame of %u bytes: too short for an action ID",
+                       static_cast<unsigned int>(length));
+                break;
+            case Frame::Reader::kTooLong:
+                ZT_LOG(Common::ZT_LOG_WARNING, "Wrong data! buffLen=%d", static_cast<int>(length));
+                ZT_LOG(Common::ZT_LOG_ERROR, "A frame of %u bytes is over the %u-byte limit: giving the link up",
+                       length, Frame::kMaxLength);
+                return false;
+            case Frame::Reader::kOutOfMemory:
+                ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
+                return false;  // the frame can never be taken off the stream: give the link up
+            case Frame::Reader::kIncomplete:
+                if (run->m_reader.partialHeader()) {
+                    ZT_LOG(Common::ZT_LOG_ERROR,
+                           "nRead < MSG_LENGTH_OFFSET + sizeof(int)! check the code, use osal_recvn instead!");
+                }
+                run->m_nPartialSinceMs = run->m_reader.pending() > 0 ? OSAbstractLayer::osal_monotonic_ms() : 0;
+                return true;
         }
-        return true;
     }
-    delete[] buffer;
+}
+
+bool TransferClient::dropStalledFrame(LinkRun* run) {
+    uint32_t length = 0;
+    int32_t actionID = 0;
+    run->m_reader.discardPending(&length, &actionID);
+    run->m_nPartialSinceMs = 0;
+    const int total = static_cast<int>(length) + Frame::MSG_LENGTH_OFFSET;
     ZT_LOG(Common::ZT_LOG_ERROR, "fail to read %d data, ActionID=%d", total, actionID);
-    if (read == 0) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "Read data timeout!buffLen=%d, ActionID=%d", total, actionID);
-    } else {
-        ZT_LOG(Common::ZT_LOG_WARNING, "Wrong reading data, error=%d!", readError);
-    }
+    ZT_LOG(Common::ZT_LOG_WARNING, "Read data timeout!buffLen=%d, ActionID=%d", total, actionID);
     return true;  // the stream may now be out of step; accepted
+}
+
+void TransferClient::route(LinkRun* run, char* frame) {
+    const int32_t actionID = Frame::actionIdOf(frame);
+    if (IsEventActionID(actionID)) {
+        ZT_LOG(Common::ZT_LOG_DEBUG, "Receive ActionCallBack action:%d", actionID);
+        run->m_events.push(frame);
+        run->signalWork();
+    } else {
+        ZT_LOG(Common::ZT_LOG_DEBUG, "Receive service response action:%d", actionID);
+        run->m_replies.push(frame);
+    }
+}
+
+void TransferClient::markLost(LinkRun* run) {
+    if (!run->m_fStopped && !run->m_fLost.exchange(true)) {
+        run->broadcast();  // the receiver reports it, also from a pause
+    }
 }
 
 bool TransferClient::receiverEnded(LinkRun* run) {
@@ -880,14 +1202,12 @@ bool TransferClient::reportLoss(LinkRun* run) {
     }
     putLittleEndian32(frame, sizeof(int32_t));
     putLittleEndian32(frame + Frame::MSG_LENGTH_OFFSET, static_cast<uint32_t>(ACTION_SERVER_DISCONNECTED));
-    run->m_actionCallBackQueue.lock();
-    run->m_actionCallBackQueue.push_unlock(frame);
-    run->m_actionCallBackQueue.unlock();
+    run->m_events.push(frame);
     run->signalWork();
     ZT_LOG(Common::ZT_LOG_DEBUG, "wait for NetException to be handled");
     // Until the callback has taken the event; a stop ends the wait, since the callback thread
     // is then leaving and would never take it.
-    while (!run->m_actionCallBackQueue.empty() && !run->m_fStopped) {
+    while (!run->m_events.empty() && !run->m_fStopped) {
         run->waitForChange(kNetExceptionPollMs);
     }
     run->sleepUnlessStopped(kNetExceptionSettleMs);
@@ -904,8 +1224,19 @@ unsigned int TransferClient::thread_actionCallBack(void* arg) {
 
     size_t backOff = 0;
     while (run->m_fActive) {
-        if (pThis->deliverNext(run)) {
+        const Delivery delivery = pThis->deliverNext(run);
+        if (delivery == kDelivered) {
             backOff = 0;
+            continue;
+        }
+        // Idle with a callback: reads the socket itself, so that an event costs one wake-up.
+        if (delivery == kNothingQueued && !run->m_fLost && run->receiverPauseMs() == 0) {
+            run->m_fCallBackWatching = true;
+            const bool keepGoing = pThis->watchOnce(run, backOff);
+            run->m_fCallBackWatching = false;
+            if (!keepGoing) {
+                pThis->markLost(run);
+            }
             continue;
         }
         run->waitForWork(nextBackOff(backOff));
@@ -921,14 +1252,17 @@ unsigned int TransferClient::thread_actionCallBack(void* arg) {
     return 0;
 }
 
-bool TransferClient::deliverNext(LinkRun* run) {
+TransferClient::Delivery TransferClient::deliverNext(LinkRun* run) {
     std::unique_ptr<char[]> frame;  // freed once the callback mutex is released
     MutexGuard guard(&m_mutexActionCallBackFunction);
     // Checked under the callback mutex, so that a stop or a null callback set from inside the
     // previous callback holds from the next frame on.
+    if (!run->m_fActive || m_fnActionReceived == nullptr) {
+        return kNoCallBack;
+    }
     char* popped = nullptr;
-    if (!run->m_fActive || m_fnActionReceived == nullptr || !run->m_actionCallBackQueue.pop(&popped)) {
-        return false;
+    if (!run->m_events.pop(&popped)) {
+        return kNothingQueued;
     }
     frame.reset(popped);
     ZT_LOG(Common::ZT_LOG_DEBUG, "before calling pThis->m_fnActionReceived");
@@ -936,7 +1270,7 @@ bool TransferClient::deliverNext(LinkRun* run) {
     m_fnActionReceived(popped, m_pUserData);
     m_nCallBackRunner = 0;
     ZT_LOG(Common::ZT_LOG_DEBUG, "after calling pThis->m_fnActionReceived");
-    return true;
+    return kDelivered;
 }
 
 void TransferClient::deliverEnd(LinkRun* run) {

@@ -4,7 +4,13 @@
 // SocketClient owns the socket and the receiver thread, which watches the socket and reads
 // frames. TransferClient adds the framing, a response queue for answers to serviceCall(), an
 // action callback queue for events the service pushes, and the action callback thread that hands
-// each event to one callback, one at a time, in arrival order.
+// each event to one callback, one at a time, in arrival order. A caller waiting in serviceCall()
+// reads the socket itself until its reply has come (events it meets join the callback queue in
+// order); the receiver keeps off the socket while a call is in flight and for a moment after. The
+// rest of the time the callback thread, while idle with a callback set, watches the socket
+// itself, so that an event reaches the callback with one wake-up; the receiver reads whenever
+// the callback thread cannot (busy in a callback, no callback set, link lost). Both queues are
+// bounded: past the bound the oldest frame goes.
 //
 // Every start makes a new run: its own socket, receiver thread, callback thread and queues, owned
 // jointly by the client and the run's threads. A stop ends the run and drops its frames, so
@@ -13,8 +19,11 @@
 // Threads: any number of callers of serviceCall() (one request in flight at a time) and, per run,
 // the receiver thread and the action callback thread. Locks are taken in the order callback
 // mutex, service mutex, socket mutex, queue mutex; a run's state mutex, the run mutex and the
-// logger's mutex are innermost. The destructor waits for every thread of every run, so no thread
-// of ours outlives the object.
+// logger's mutex are innermost. The socket mutex is held by whoever reads: the receiver for one
+// receive, or a caller from its send until its reply. Idle waits follow back-off tables (1 ms up
+// to 50 ms) and end early when there is work; a stop shuts the socket down, which ends any wait
+// or read on it at once. The destructor waits for every thread of every run, so no thread of
+// ours outlives the object.
 //
 // Calls allowed from inside the action callback (it runs on the callback thread, holding the
 // callback mutex):
@@ -33,6 +42,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace PELK {
@@ -49,10 +59,56 @@ constexpr int kHeaderSize = MSG_LENGTH_OFFSET + static_cast<int>(sizeof(int32_t)
 // Longer frames are reported, then accepted all the same.
 constexpr uint32_t kLengthWarningLimit = 65855;
 
+// The longest message accepted: room for some 36,000 browse records of 1844 bytes, where real
+// browse replies take a few MiB. A longer length word can only come from a broken stream.
+constexpr uint32_t kMaxLength = 64u * 1024 * 1024;
+
 uint32_t lengthOf(const char* frame);
 int32_t actionIdOf(const char* frame);
 // A new frame (array new) holding the length word and a copy of message; null when out of memory.
 char* build(const char* message, uint32_t length);
+
+// Cuts a received byte stream into frames. It does no I/O: a receive writes into space(), then
+// next() hands out what is complete. Memory follows the bytes that actually arrive, whatever a
+// length word claims. Used by one thread at a time (the link's socket mutex).
+class Reader {
+public:
+    enum Result {
+        kIncomplete,   // more bytes are needed
+        kComplete,     // *frame is a new array, length word first; the caller deletes it
+        kTooShort,     // a whole frame too short to hold an action ID was skipped
+        kTooLong,      // the length word exceeds kMaxLength: the stream cannot go on
+        kOutOfMemory,  // the frame cannot be held: the stream cannot go on
+    };
+
+    Reader();
+    ~Reader();
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    // Where the next receive may write *room bytes; null when out of memory.
+    char* space(int* room);
+    // Counts the bytes that receive wrote.
+    void commit(int count);
+    // Takes the next frame out of what was received; *length is its length word.
+    Result next(char** frame, uint32_t* length);
+    // Bytes of an unfinished frame held; partialHeader() while they are 1 to 7 of its header.
+    size_t pending() const;
+    bool partialHeader() const;
+    // Drops the unfinished frame, telling its length word and action ID as far as they came.
+    void discardPending(uint32_t* length, int32_t* actionID);
+
+private:
+    static constexpr int kStagingSize = 64 * 1024;
+
+    char* m_pStaging;  // small frames, several per receive
+    int m_nBegin;
+    int m_nEnd;
+    char* m_pLarge;  // a frame too long for the staging buffer, grown as it arrives
+    size_t m_nLargeTotal;
+    size_t m_nLargeFilled;
+    size_t m_nLargeCapacity;
+};
 
 }  // namespace Frame
 
@@ -104,6 +160,8 @@ protected:
     LinkRun* acquireRun();
     // Takes the current run out of the client; the caller receives the client's reference.
     LinkRun* detachRun();
+    // Takes the current run out and ends it: stopped, its receiver stopped, its socket closed.
+    void retireRun();
     // True while no newer start has replaced the run (a stopped run stays the latest).
     bool isLatestRun(const LinkRun* run);
     // Clears one of the client's mirrors of the current run, if run is still the current one;
@@ -111,6 +169,9 @@ protected:
     bool clearIfCurrent(const LinkRun* run, std::atomic<bool>& flag);
     bool stopReceiverOf(LinkRun* run);
     bool closeSocketOf(LinkRun* run);
+    // One idle wait on the run's socket along the back-off, then a read if it became readable.
+    // False when the link must be given up.
+    bool watchOnce(LinkRun* run, size_t& backOff);
     // Every thread of every run is counted from its creation to its last touch of the client.
     void threadStarting();
     void threadEnded();
@@ -149,11 +210,16 @@ public:
         kServiceDisconnected = 1107,
     };
 
+    // Bounds of a run's queues: events waiting for the callback, and replies nobody waits for.
+    static constexpr unsigned int kMaxQueuedEvents = 16384;
+    static constexpr unsigned int kMaxUnclaimedReplies = 64;
+    static constexpr size_t kMaxQueuedBytes = 2 * static_cast<size_t>(Frame::kMaxLength);
+
     TransferClient();
     virtual ~TransferClient();
 
-    // Connects a new run and starts its threads. False when already started or the service is
-    // not there.
+    // Connects a new run and starts its threads; a run whose loss is known is stopped first.
+    // False when already started or the service is not there.
     bool startTransfer();
     // Stops the run's threads and waits for them (for the callback thread only when not called
     // from a callback). Like the receiver, returns false when the socket was already closed by
@@ -180,14 +246,28 @@ protected:
     bool reportLoss(LinkRun* run) override;
 
 private:
+    enum Delivery { kDelivered, kNothingQueued, kNoCallBack };
+
     static unsigned int thread_actionCallBack(void* arg);
     bool startCallBackThread(LinkRun* run);
-    // Hands the run's next frame to the callback; false when there was none to hand out.
-    bool deliverNext(LinkRun* run);
+    // Hands the run's next frame to the callback, if there is one and a callback to take it.
+    Delivery deliverNext(LinkRun* run);
     void deliverEnd(LinkRun* run);
     // True on the thread that is running a callback of this client.
     bool insideCallBack() const;
+    bool currentRunLost();
+
+    // The steps of serviceCall. REQUIRES for the last two: the socket mutex is held.
+    void discardStaleReplies(LinkRun* run, int32_t requestID);
+    int sendRequest(LinkRun* run, const char* buf, int len);
     int waitForResponse(LinkRun* run, int32_t requestID, char*& resp, int* resplen, int timeout);
+
+    // Reading, by whichever thread holds the socket mutex. False when the link must be given up.
+    bool readSocket(LinkRun* run, bool wait);
+    bool takeFrames(LinkRun* run);
+    bool dropStalledFrame(LinkRun* run);
+    void route(LinkRun* run, char* frame);
+    void markLost(LinkRun* run);
 
     std::atomic<bool> m_fTransferStarted;
     pthread_mutex_t m_mutexActionCallBackFunction;

@@ -71,16 +71,6 @@ public:
     // on the real-time clock.
     static int osal_lock_cond_ms(sem_t* sem, int ms);
 
-    // A wake-up signal between threads: a waiter sleeps at most ms milliseconds (measured on a
-    // monotonic clock, so wall-clock changes cannot stretch it) and wakes early once signalled.
-    // Signals do not count: several signals before a wait wake it once.
-    // OSAL_INVALID_SOCKET when no event can be created.
-    static long osal_create_event();
-    static void osal_destroy_event(long event);
-    static void osal_signal_event(long event);
-    // 0 signalled (the signal is consumed), 2 timed out.
-    static int osal_wait_event(long event, int ms);
-
     // ---- Sockets (a socket is a long; OSAL_INVALID_SOCKET when closed) ----------------------
     // Time-outs are in seconds; a negative time-out waits without limit.
 
@@ -113,9 +103,17 @@ public:
     // The IPv4 address of a dotted text in network byte order, as the system's conversion gives
     // it (all ones for text it cannot read).
     static uint32_t osal_inet_addr(const char* text);
-    // Copies up to length waiting bytes without consuming them and without blocking;
-    // recv's result (0 once the peer has closed, -1 with errno set on error).
-    static int osal_peek(long sock, char* buffer, int length);
+    // Sends the whole buffer, trying at once and waiting for room only while the socket is
+    // full, for at most `seconds` in all: 1 all sent, 0 time-out, -1 error or peer gone.
+    // Never raises SIGPIPE.
+    static int osal_send_all(long sock, const char* buffer, int length, int seconds);
+    // One receive of whatever is waiting, at most length bytes, retried when a signal
+    // interrupts it: >0 bytes received, 0 the peer closed, -1 with errno set (EAGAIN or
+    // EWOULDBLOCK: nothing came within the socket's receive time-out or, with dontWait, nothing
+    // was waiting).
+    static int osal_recv_some(long sock, char* buffer, int length, bool dontWait);
+    // Bounds every blocking receive on the socket to ms milliseconds.
+    static int osal_set_receive_timeout(long sock, int ms);
 
     // ---- Text and paths ------------------------------------------------------------------
     // Byte-for-byte widening and narrowing, not a character-set conversion. maxChars counts
