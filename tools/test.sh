@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # Configures a build, builds everything and runs the test suites.
-#   tools/test.sh            plain build in build/, all suites
+#   tools/test.sh            plain build in build/, every suite but the soak
 #   tools/test.sh --quick    only the quick suites
+#   tools/test.sh --soak     only the soak suites, for PELK_SOAK_SECONDS each (tools/soak.sh)
 #   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-selection=()
-if [ "${1:-}" = "--quick" ]; then
-  selection=(-L quick)
-fi
+selection=(-LE soak)
+case "${1:-}" in
+  --quick) selection=(-L quick) ;;
+  --soak) selection=(-L soak) ;;
+esac
 
 build_dir=build
 options=()
