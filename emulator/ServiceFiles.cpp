@@ -92,9 +92,9 @@ int32_t Service::onSendFile(Client& c, const SendFileReq& req, SendFileRes& res)
     std::vector<FileCopy::Item> items;
     for (const FilePath& file : req.files) {
         FileCopy::Item item;
-        item.source = textOf(file.szPath);
+        item.source = realPath(textOf(file.szPath));
         item.folder = target->pApp->receiveFolder;
-        if (item.source.find('/') == std::string::npos || !allowed(item.source) || !readableFile(item.source, item.size)) {
+        if (item.source.empty() || !allowed(item.source) || !readableFile(item.source, item.size)) {
             return RESULT_MISSING_FILE;
         }
         items.push_back(item);
