@@ -125,10 +125,7 @@ TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
     EXPECT_NE(0, agent->unregisterApp());
     EXPECT_EQ(kAppID, agent->getAppID());
     release = true;
-    for (int i = 0; i < 500 && agent->getAppID() != -1; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(-1, agent->getAppID()) << "the loss is handled once the callback returns";
+    EXPECT_TRUE(waitForAppID(-1)) << "the loss is handled once the callback returns";
 }
 
 TEST_F(RegistrationTest, DestroyingARegisteredAgentUnregistersFirst) {
@@ -165,7 +162,7 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     EXPECT_STREQ("tester", disconnected.app.szAppName);
     EXPECT_EQ(kAppID, disconnected.app.nAppID);
     EXPECT_EQ(&user, disconnected.user);
-    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(waitForAppID(-1));
 
     ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
     const double after = secondsSince(lost);
@@ -220,7 +217,7 @@ TEST_F(ReconnectionTest, AServiceResultOf1100EndsTheAttempts) {
     loseService();
     ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
     EXPECT_FALSE(service->waitForRequests(ACTION_REGISTER, 3, 6500));
-    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(waitForAppID(-1));
 }
 
 TEST_F(ReconnectionTest, DestructionWaitsForAReconnectionInProgress) {
