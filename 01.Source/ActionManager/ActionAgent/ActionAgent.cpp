@@ -681,12 +681,16 @@ void ActionAgent::onServerDisconnected(const char* /*body*/, uint32_t /*length*/
     if (m_pInteractionAppList != nullptr) {
         m_pInteractionAppList->clear();
     }
+    int32_t lostAppID = m_nAppID;
     const InterAppChangeCallback callBack = m_pfnInterAppChange;
     if (callBack != nullptr) {
         const InteractionApp own = getOwnApp();
         callBack(&own, APP_STATUS_DISCONNECTED, m_pRegisterUser);
     }
-    m_nAppID = -1;
+    // An app that registered again from inside the callback keeps its new registration.
+    if (!m_nAppID.compare_exchange_strong(lostAppID, -1) && lostAppID > 0) {
+        return;
+    }
     if (!m_fAutoConnected) {
         return;
     }
