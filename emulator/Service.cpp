@@ -122,7 +122,7 @@ const Service::Route Service::kRoutes[] = {
     {ACTION_PAUSE_PLAYING_FILE, &Service::serve<FilePlayCtrlReq, FilePlayCtrlRes, &Service::onPlayCtrl>},
     {ACTION_RESUME_PLAYING_FILE, &Service::serve<FilePlayCtrlReq, FilePlayCtrlRes, &Service::onPlayCtrl>},
     {ACTION_COPY_FILE, &Service::serve<CopyFileReq, CopyFileRes, &Service::onCopy>},
-    {kActionCopyDownload, &Service::serve<CopyFileReq, CopyFileRes, &Service::onCopy>},
+    {ACTION_DOWNLOAD_FILE, &Service::serve<CopyFileReq, CopyFileRes, &Service::onCopy>},
     {ACTION_ENABLE_CONTENT_LIST_CACHE,
      &Service::serve<ContentListCacheCtrlReq, ContentListCacheCtrlRes, &Service::onContentCache>},
     {ACTION_DISABLE_CONTENT_LIST_CACHE,

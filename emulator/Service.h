@@ -79,8 +79,6 @@ public:
     // A new transfer's first step, and a UDP send's status event, come this late: the agent
     // files the callbacks for them only once the reply is in.
     static constexpr int kFollowUpDelayMs = 100;
-    // Downloads arrive as CopyFileReq under this ID; uploads under ACTION_COPY_FILE.
-    static constexpr int32_t kActionCopyDownload = 40;
     static const char* const kDeviceMac;      // the one MAC of this emulated device
     static const char* const kMediaServerUDN;  // the emulated media server
     static const char* const kRendererUDN;     // the emulated renderer

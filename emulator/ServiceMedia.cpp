@@ -111,7 +111,7 @@ int32_t Service::collectItems(const MediaLibrary& library, const std::vector<Fil
     return RESULT_OK;
 }
 
-// A download (kActionCopyDownload) copies a server's items into the app's receive folder; an
+// A download (ACTION_DOWNLOAD_FILE) copies a server's items into the app's receive folder; an
 // upload copies them into a folder of another server.
 int32_t Service::onCopy(Client& c, const CopyFileReq& req, CopyFileRes& res) {
     if (req.items.empty()) {
@@ -124,7 +124,7 @@ int32_t Service::onCopy(Client& c, const CopyFileReq& req, CopyFileRes& res) {
     }
     std::string folder = c.pApp->receiveFolder;
     bool rename = c.pApp->fRename;
-    if (req.actionID != kActionCopyDownload) {
+    if (req.actionID != ACTION_DOWNLOAD_FILE) {
         const MediaLibrary* target = findServer(textOf(req.destination.UUID), &task->otherSide);
         if (target == nullptr) {
             return RESULT_UNKNOWN_DEVICE;

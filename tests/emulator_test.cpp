@@ -601,13 +601,13 @@ TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
     const std::string inbox = files.path();
     receiveInto(1, inbox);
     CopyFileReq download;
-    download.actionID = Service::kActionCopyDownload;
+    download.actionID = ACTION_DOWNLOAD_FILE;
     download.source = server;
     download.items = {item("Music/track.mp3"), item("notes.txt")};
     ASSERT_TRUE(send(1, download));
     const CopyFileRes reply = decoded<CopyFileRes>(host.take(1).at(0));
     ASSERT_EQ(RESULT_OK, reply.nResult);
-    EXPECT_EQ(Service::kActionCopyDownload, reply.actionID);
+    EXPECT_EQ(ACTION_DOWNLOAD_FILE, reply.actionID);
     runTasks();
     const std::vector<DMFileCopyRes> progress = only<DMFileCopyRes>(host.take(1), ACTION_DM_FILE_COPY);
     ASSERT_FALSE(progress.empty());

@@ -113,7 +113,7 @@ std::vector<std::string> seeds() {
     browse.folder = item("Music");
     appendFrame(media, browse);
     CopyFileReq download;
-    download.actionID = Service::kActionCopyDownload;
+    download.actionID = ACTION_DOWNLOAD_FILE;
     download.source = browse.server;
     download.items = {item("Music/track.mp3")};
     appendFrame(media, download);
