@@ -503,14 +503,14 @@ int32_t Service::relay(Client& from, const InteractionApp& to, int32_t kind, con
 template <class Status>
 Status Service::dataStatus(Client& from, const InteractionApp& to, int32_t result) {
     Status status;
-    status.nStatus = result;
+    status.nStatus = static_cast<int32_t>(++from.pApp->nSendCount);  // the agent's nId of the event
     status.nEventType = result == RESULT_OK ? DATA_EVENT_DELIVERED : DATA_EVENT_FAILED;
     // The whole field as the sender's record holds it: the agent keys UDP callbacks by all 16 bytes.
     memcpy(status.szIPv4, to.szIPv4, sizeof(status.szIPv4));
     status.nRemoteAppID = to.nAppID;
     status.sendTag.byLocalAppID = static_cast<uint8_t>(from.pApp->record.nAppID);
     status.sendTag.byRemoteAppID = static_cast<uint8_t>(to.nAppID);
-    status.sendTag.nValue = static_cast<int32_t>(++from.pApp->nSendCount);
+    status.sendTag.nValue = status.nStatus;
     return status;
 }
 

@@ -115,7 +115,7 @@ private:
         std::string receiveFolder;  // empty until a receive option names one
         bool fRename = true;
         int32_t nPercent = 1;  // receive progress is reported in steps of this many percent
-        uint32_t nSendCount = 0;  // numbers the status events of its data sends
+        uint32_t nSendCount = 0;  // numbers its data sends that asked for a status
         // Its own media server, which others see while it runs.
         std::unique_ptr<MediaLibrary> pServer;
         DLNADevice serverDevice;

@@ -60,11 +60,12 @@ enum DeviceChange : int32_t {
     DEVICE_LEFT = 2,
 };
 
-// Event types of the data status events 52 and 54 (the int32 at offset 8); the status word
-// at offset 4 holds the result.
+// Event types of the data status events 52 and 54 (the int32 at offset 8). The word at offset 4,
+// which the agent hands on as the event's ID, numbers the sending app's sends (as does the tag's
+// value).
 enum DataEventType : int32_t {
     DATA_EVENT_DELIVERED = 1,
-    DATA_EVENT_FAILED = 2,
+    DATA_EVENT_FAILED = 2,  // no registered app has the target's address and app ID
 };
 
 // One line for a result of the emulator, or null for a value it never returns.

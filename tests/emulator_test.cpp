@@ -203,7 +203,7 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
         const std::vector<Bytes> sent = host.take(1);
         if (idOf(body) == ACTION_ASYN_SEND_DATA) {  // no reply; the status it asked for
             ASSERT_EQ(1u, sent.size());
-            EXPECT_EQ(RESULT_UNKNOWN_TARGET, decoded<SendTCPDataStatusRes>(sent[0]).nStatus);
+            EXPECT_EQ(DATA_EVENT_FAILED, decoded<SendTCPDataStatusRes>(sent[0]).nEventType);
         } else {
             ASSERT_FALSE(sent.empty());
             EXPECT_EQ(idOf(body), idOf(sent[0]));
@@ -361,7 +361,7 @@ TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) 
     ASSERT_TRUE(send(2, tcp));
     const std::vector<SendTCPDataStatusRes> failed = only<SendTCPDataStatusRes>(host.take(2), ACTION_SEND_TCP_DATA_STATUS);
     ASSERT_EQ(1u, failed.size());
-    EXPECT_EQ(RESULT_UNKNOWN_TARGET, failed[0].nStatus);
+    EXPECT_EQ(2, failed[0].nStatus);  // bob's second send with a status
     EXPECT_EQ(DATA_EVENT_FAILED, failed[0].nEventType);
     EXPECT_EQ(300 & 0xFF, failed[0].sendTag.byRemoteAppID);
 }
