@@ -72,6 +72,11 @@ protected:
 
     void TearDown() override {
         agent.unregisterApp();
+        // Both end cleanly on SIGTERM; a sanitizer's report would change their status.
+        alice->signal(SIGTERM);
+        EXPECT_EQ(0, alice->wait(kWaitMs));
+        emulator->signal(SIGTERM);
+        EXPECT_EQ(0, emulator->wait(kWaitMs));
         if (HasFailure()) {
             std::cout << "--- emulator\n" << emulator->output() << "--- alice\n" << alice->output();
         }
