@@ -2,14 +2,17 @@
 # Configures a build, builds everything and runs the test suites.
 #   tools/test.sh            plain build in build/, all suites
 #   tools/test.sh --quick    only the quick suites
+#   tools/test.sh --build-only   configure and build, run nothing
 #   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 selection=()
-if [ "${1:-}" = "--quick" ]; then
-  selection=(-L quick)
-fi
+build_only=
+case "${1:-}" in
+  --quick) selection=(-L quick) ;;
+  --build-only) build_only=1 ;;
+esac
 
 build_dir=build
 options=()
@@ -28,4 +31,5 @@ if [ ! -f "$build_dir/CMakeCache.txt" ]; then
   cmake -S . -B "$build_dir" "${generator[@]}" "${options[@]}"
 fi
 cmake --build "$build_dir" --parallel "$(nproc)"
+[ -z "$build_only" ] || exit 0
 ctest --test-dir "$build_dir" "${selection[@]}" --output-on-failure --parallel "$(nproc)"
