@@ -260,6 +260,19 @@ long OSAbstractLayer::osal_monotonic_seconds() {
     return static_cast<long>(now.tv_sec);
 }
 
+int64_t OSAbstractLayer::osal_monotonic_ms() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void OSAbstractLayer::osal_wall_clock(long* seconds, int* milliseconds) {
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    *seconds = static_cast<long>(now.tv_sec);
+    *milliseconds = static_cast<int>(now.tv_nsec / 1000000);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Mutexes and semaphores
 
@@ -601,6 +614,10 @@ int OSAbstractLayer::osal_peek(long sock, char* buffer, int length) {
         result = recv(static_cast<int>(sock), buffer, static_cast<size_t>(length), MSG_PEEK | MSG_DONTWAIT);
     } while (result < 0 && errno == EINTR);
     return static_cast<int>(result);
+}
+
+uint32_t OSAbstractLayer::osal_inet_addr(const char* text) {
+    return text == nullptr ? INADDR_NONE : static_cast<uint32_t>(inet_addr(text));
 }
 
 std::string Inet_ntoa(struct in_addr address) {

@@ -168,6 +168,36 @@ std::vector<Bytes> FakeService::received() const {
     return m_received;
 }
 
+std::vector<Bytes> FakeService::received(int32_t actionID) const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    std::vector<Bytes> matching;
+    for (const Bytes& request : m_received) {
+        if (actionIdOf(request) == actionID) {
+            matching.push_back(request);
+        }
+    }
+    return matching;
+}
+
+size_t FakeService::countReceived(int32_t actionID) const {
+    size_t count = 0;
+    for (const Bytes& request : m_received) {
+        count += actionIdOf(request) == actionID ? 1 : 0;
+    }
+    return count;
+}
+
+bool FakeService::waitForRequests(int32_t actionID, size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                              [&] { return countReceived(actionID) >= count; });
+}
+
+int FakeService::connections() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_connections;
+}
+
 // REQUIRES: m_mutex held.
 bool FakeService::writeAll(const uint8_t* data, size_t size) {
     size_t done = 0;

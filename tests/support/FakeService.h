@@ -79,8 +79,13 @@ public:
     bool waitForFrames(size_t count, int timeoutMs = 5000);
     // Waits until the client has closed the current connection (or none is open).
     bool waitForClientClose(int timeoutMs = 5000);
-    // Bodies of the frames received so far, oldest first.
+    // Bodies of the frames received so far, oldest first; or only those with this action ID.
     std::vector<Bytes> received() const;
+    std::vector<Bytes> received(int32_t actionID) const;
+    // Waits until at least `count` requests with this action ID have been received in all.
+    bool waitForRequests(int32_t actionID, size_t count, int timeoutMs = 5000);
+    // Connections accepted so far.
+    int connections() const;
 
 private:
     struct Pending {
@@ -88,6 +93,7 @@ private:
         Bytes bytes;
     };
 
+    size_t countReceived(int32_t actionID) const;  // REQUIRES: m_mutex held
     void serve();
     void acceptClient();
     bool readFromClient();

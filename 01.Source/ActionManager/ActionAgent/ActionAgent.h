@@ -127,7 +127,7 @@ public:
     // The service-assigned app ID, below 1 while not registered.
     int getAppID() const { return m_nAppID.load(); }
     // This app as the service describes it.
-    InteractionApp getOwnApp() const;
+    InteractionApp getOwnApp();
 
     // The link's action callback: context is the agent. A null frame means the link ended.
     static void onActionReceived(char* recvBuf, void* context);
@@ -247,12 +247,22 @@ protected:
 private:
     struct EventRoute;
     static const EventRoute kEventRoutes[];
+    static constexpr int kNoMemory = -1;
 
     // Encodes request, sends it and, when response is given, decodes the reply within the bytes
-    // received; everything allocated is freed. 0, kNoMemory, or the link's code.
+    // received; everything allocated on the way is freed. 0, kNoMemory, or the link's code.
+    int exchange(const ReqResBase& request, ReqResBase* response, int timeoutSeconds);
+    // exchange() for a reply that is a result: the link's code, outOfMemoryCode, or the result.
     template <class Res>
-    int exchange(const ReqResBase& request, Res* response, int timeoutSeconds);
-    static constexpr int kNoMemory = -1;
+    int callForResult(const ReqResBase& request, int timeoutSeconds, int outOfMemoryCode);
+    // A command that carries one device, the command being the request's action ID.
+    template <class Req, class Res>
+    int deviceCommand(const DLNADevice* device, int code, DLNADevice Req::*field);
+    int requestFileList(int32_t actionID, const DLNADevice* server, const FileInfo* folder,
+                        std::vector<FileInfo>* items, int timeout);
+    int requestCopy(int32_t actionID, const DLNADevice* source, const DLNADevice* target,
+                    const std::vector<FileInfo>* files, const FileInfo* targetFolder, FileTransferCallback cb,
+                    int* taskId);
 
     // Event handlers: body is the message from its action ID on, length the bytes received.
     void onSendFileStatus(const char* body, uint32_t length);
@@ -265,18 +275,15 @@ private:
     void onUDPDataStatus(const char* body, uint32_t length);
     void onTCPDataStatus(const char* body, uint32_t length);
     void onHugeDataPiece(const InteractionApp& sender, const char* data, int length);
-    void dropStalePayloads(uint64_t key);
+    // Drops the oldest unfinished payloads but key's while the limits are exceeded.
+    // REQUIRES: m_dataBlockMutex held.
+    void limitHeldPayloads(uint64_t key);
 
-    int requestList(int32_t actionID, std::vector<DLNADevice>* devices);
-    int requestFileList(int32_t actionID, const DLNADevice* server, const FileInfo* folder,
-                        std::vector<FileInfo>* items, int timeout);
-    int requestCopy(int32_t actionID, const DLNADevice* source, const DLNADevice* target,
-                    const std::vector<FileInfo>* files, const FileInfo* targetFolder, FileTransferCallback cb,
-                    int* taskId);
-    int requestResult(ReqResBase& request, int timeout);
-    // Sleeps up to ms, returning early (false) once the agent is being destroyed.
-    bool reconnectPause(int ms);
-    void reconnectLoop();
+    void reconnect();
+    // Waits until deadlineMs of the monotonic clock; false once auto-reconnect is off.
+    bool reconnectPauseUntil(int64_t deadlineMs);
+    // Returns once no reconnection thread runs.
+    void waitForReconnection();
 
     std::atomic<int32_t> m_nAppID;
     InteractionApp m_ownApp;  // guarded by m_ownAppMutex: the dispatch and app threads share it
@@ -301,8 +308,10 @@ private:
     AgentAppList* m_pInteractionAppList;
 
     pthread_mutex_t m_ownAppMutex;
-    sem_t m_reconnectWake;  // posted by the destructor so that a waiting reconnection ends early
-    std::atomic<bool> m_fReconnecting;
+    std::list<uint64_t> m_payloadOrder;  // data-block keys in the order their payloads began
+    int64_t m_nHeldBytes;                // what the data-block map holds, under its mutex
+    sem_t m_reconnectWake;               // posted by the destructor: a pausing reconnection ends
+    std::atomic<int> m_nReconnectThreads;
 };
 
 }  // namespace Agent

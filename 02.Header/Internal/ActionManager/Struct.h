@@ -53,7 +53,9 @@ constexpr int32_t ACTION_PLAY_SELECTED_FILE = 35;
 constexpr int32_t ACTION_STOP_PLAYING_FILE = 36;
 constexpr int32_t ACTION_PAUSE_PLAYING_FILE = 37;
 constexpr int32_t ACTION_RESUME_PLAYING_FILE = 38;
-constexpr int32_t ACTION_COPY_FILE = 39;
+constexpr int32_t ACTION_COPY_FILE = 39;  // upload: from a device to another device's folder
+// A download from a server to this device travels as CopyFileReq under its own ID.
+constexpr int32_t ACTION_DOWNLOAD_FILE = 40;
 constexpr int32_t ACTION_DM_FILE_COPY = 41;  // event
 constexpr int32_t ACTION_ENABLE_CONTENT_LIST_CACHE = 42;
 constexpr int32_t ACTION_DISABLE_CONTENT_LIST_CACHE = 43;
@@ -286,12 +288,13 @@ inline int LoggedSize(uint64_t size) {
     return size > static_cast<uint64_t>(INT_MAX) ? INT_MAX : static_cast<int>(size);
 }
 
+// True when the object was filled; false (logged, object unchanged) otherwise.
 template <class Msg>
-void Decode(Msg& msg, const void* buf, unsigned int nBufferSize) {
+bool Decode(Msg& msg, const void* buf, unsigned int nBufferSize) {
     if (buf == nullptr) {
         Common::ZTLogger::getDefaultLogger()->printf(Common::ZT_LOG_DEBUG, __FILE__, __LINE__, "FromBuffer",
                                                      "%s -> FromBuffer(): NULL == buf !\n", Msg::kName);
-        return;
+        return false;
     }
     const unsigned int nSize = msg.GetSize();
     Wire::BodySizer body(buf, nBufferSize);
@@ -301,7 +304,7 @@ void Decode(Msg& msg, const void* buf, unsigned int nBufferSize) {
         const int nLogged = nBufferSize < nSize ? LoggedSize(nSize) : LoggedSize(body.End());
         Common::ZTLogger::getDefaultLogger()->printf(Common::ZT_LOG_DEBUG, __FILE__, __LINE__, "FromBuffer",
                                                      "%s : nBufferSize < this->GetSize()[%d]!\n", Msg::kName, nLogged);
-        return;
+        return false;
     }
     char* pBlock = nullptr;
     if (body.HasData()) {
@@ -309,11 +312,12 @@ void Decode(Msg& msg, const void* buf, unsigned int nBufferSize) {
         if (pBlock == nullptr) {
             Common::ZTLogger::getDefaultLogger()->printf(Common::ZT_LOG_ERROR, __FILE__, __LINE__, "FromBuffer",
                                                          "Out of memory!");
-            return;
+            return false;
         }
     }
     Wire::Reader reader(buf, pBlock);
     Msg::Fields(msg, reader);
+    return true;
 }
 
 // Fields shared by several classes, for any class that has the members named.

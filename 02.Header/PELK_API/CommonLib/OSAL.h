@@ -34,6 +34,10 @@ public:
     static void osal_sleep_ms(int ms);
     // Seconds of a monotonic clock: immune to wall-clock changes, for measuring time-outs.
     static long osal_monotonic_seconds();
+    // Milliseconds of the same monotonic clock.
+    static int64_t osal_monotonic_ms();
+    // The wall-clock time as whole seconds since the epoch and the milliseconds within them.
+    static void osal_wall_clock(long* seconds, int* milliseconds);
 
     // Default, non-recursive mutexes: locking one that the thread holds already blocks.
     static int osal_init_mutex(pthread_mutex_t* mutex);
@@ -89,6 +93,9 @@ public:
     // Blocking connect to a dotted IPv4 address: 0, or 1 with errno set.
     static int osal_connect(long sock, const char* host, int port);
     static int osal_close_socket(long sock);
+    // The IPv4 address of a dotted text in network byte order, as the system's conversion gives
+    // it (all ones for text it cannot read).
+    static uint32_t osal_inet_addr(const char* text);
     // Copies up to length waiting bytes without consuming them and without blocking;
     // recv's result (0 once the peer has closed, -1 with errno set on error).
     static int osal_peek(long sock, char* buffer, int length);

@@ -1,0 +1,308 @@
+// Registration, loss and reconnection, unregistration, destruction, the app list events and the
+// dispatcher's handling of frames it must not trust.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "support/AgentFixture.h"
+
+using namespace pelktest;
+using PELK::ACTION_REGISTER;
+using PELK::ACTION_SET_RECEIVE_OPTION;
+using PELK::ACTION_UNREGISTER;
+using PELK::InteractionApp;
+using PELK::InterAppChangeRes;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+Bytes appChange(int changeType, const InteractionApp& app) {
+    InterAppChangeRes event;
+    event.nChangeType = changeType;
+    event.app = app;
+    return encode(event);
+}
+
+InteractionApp otherApp(int appID, const char* name) {
+    InteractionApp app;
+    app.nAppID = appID;
+    app.nType = 11;
+    app.SetAppName(name);
+    app.SetIPv4("10.1.2.3");
+    return app;
+}
+
+class RegistrationTest : public AgentTest {};
+
+TEST_F(RegistrationTest, NamesAreCheckedBeforeTheServiceIsTouched) {
+    const std::string longest(259, 'n');
+    const std::string tooLong(260, 'n');
+    EXPECT_EQ(1204, agent->registerApp(tooLong.c_str(), kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(1202, agent->registerApp(nullptr, kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(1203, agent->registerApp("", kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(0, service->connections());
+    std::vector<InteractionApp> apps;
+    EXPECT_EQ(2700, agent->getInteractionAppList(&apps));
+
+    ASSERT_EQ(0, agent->registerApp(longest.c_str(), kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(kAppID, agent->getAppID());
+    EXPECT_EQ(1200, agent->registerApp("again", kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(1, service->connections());
+
+    const Bytes request = lastRequest(ACTION_REGISTER);
+    ASSERT_EQ(270u, request.size());
+    EXPECT_EQ(kCallerAppID, readInt32(request, 4));
+    EXPECT_EQ(longest, readText(request, 8, 260));
+    EXPECT_EQ(0, request[267]);
+    EXPECT_EQ(0, request[268]) << "no device callback";
+    EXPECT_EQ(0, request[269]) << "no app callback";
+
+    const InteractionApp own = agent->getOwnApp();
+    EXPECT_EQ(longest, own.szAppName);
+    EXPECT_EQ(kAppID, own.nAppID);
+    EXPECT_EQ(kCallerAppID, own.nType);
+    EXPECT_STREQ("127.0.0.1", own.szIPv4);
+    EXPECT_NE(0, own.fLocalDevice);
+}
+
+TEST_F(RegistrationTest, EventFlagsFollowTheCallbacksGiven) {
+    registerAgent(true);
+    const Bytes request = lastRequest(ACTION_REGISTER);
+    EXPECT_EQ(1, request[268]);
+    EXPECT_EQ(1, request[269]);
+}
+
+TEST_F(RegistrationTest, ARefusalStopsTheLinkAndNoServiceGives1206) {
+    service->answer(ACTION_REGISTER, body(ACTION_REGISTER, {kAppID, 5}));
+    EXPECT_EQ(5, agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(service->waitForClientClose());
+
+    service.reset();
+    EXPECT_EQ(1206, agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr));
+}
+
+TEST_F(RegistrationTest, UnregisteringSendsTheAppIDAndStopsTheLink) {
+    EXPECT_EQ(1300, agent->unregisterApp());
+    registerAgent();
+    answerResult(ACTION_UNREGISTER);
+    EXPECT_EQ(0, agent->unregisterApp());
+    EXPECT_EQ(-1, agent->getAppID());
+    const Bytes request = lastRequest(ACTION_UNREGISTER);
+    ASSERT_EQ(8u, request.size());
+    EXPECT_EQ(kAppID, readInt32(request, 4));
+    EXPECT_TRUE(service->waitForClientClose());
+    EXPECT_EQ(1300, agent->unregisterApp());
+}
+
+TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
+    registerAgent();
+    // The loss cannot be handled while a callback is still running: the agent learns of it
+    // only after the failed call has returned.
+    std::atomic<bool> inside(false);
+    std::atomic<bool> release(false);
+    callbacks.runInside("app", [&] {
+        inside = true;
+        while (!release) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    ASSERT_TRUE(service->push(appChange(3, otherApp(20, "busy"))));
+    while (!inside) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    service->on(ACTION_UNREGISTER, [this](const Bytes&) {
+        service->closeConnection();
+        return std::vector<FakeService::Reply>{};
+    });
+    EXPECT_NE(0, agent->unregisterApp());
+    EXPECT_EQ(kAppID, agent->getAppID());
+    release = true;
+    EXPECT_TRUE(waitForAppID(-1)) << "the loss is handled once the callback returns";
+}
+
+TEST_F(RegistrationTest, DestroyingARegisteredAgentUnregistersFirst) {
+    registerAgent();
+    answerResult(ACTION_UNREGISTER);
+    agent.reset();
+    EXPECT_EQ(kAppID, readInt32(lastRequest(ACTION_UNREGISTER), 4));
+    EXPECT_TRUE(log.contains("Destruct ActionAgent before unregister, appID=7"));
+}
+
+class ReconnectionTest : public AgentTest {
+protected:
+    // Drops the connection and returns when the app callback has heard of it.
+    Clock::time_point loseService() {
+        const Clock::time_point lost = Clock::now();
+        service->closeConnection();
+        EXPECT_TRUE(callbacks.waitFor("app", 1));
+        return lost;
+    }
+};
+
+TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOptionAgain) {
+    registerAgent();
+    PELK::ReceiveOption option;
+    strcpy(option.directory, "/tmp/incoming");
+    ASSERT_EQ(0, agent->setReceiveOption(&option));
+    ASSERT_TRUE(service->push(appChange(1, otherApp(20, "peer"))));
+    ASSERT_TRUE(callbacks.waitFor("app", 1));
+    callbacks.clear();
+
+    const Clock::time_point lost = loseService();
+    const CallbackRecord disconnected = callbacks.of("app").at(0);
+    EXPECT_EQ(3, disconnected.status);
+    EXPECT_STREQ("tester", disconnected.app.szAppName);
+    EXPECT_EQ(kAppID, disconnected.app.nAppID);
+    EXPECT_EQ(&user, disconnected.user);
+    EXPECT_TRUE(waitForAppID(-1));
+
+    ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
+    const double after = secondsSince(lost);
+    EXPECT_GT(after, 2.5);
+    EXPECT_LT(after, 4.5);
+    const Bytes request = lastRequest(ACTION_REGISTER);
+    EXPECT_EQ(kCallerAppID, readInt32(request, 4));
+    EXPECT_EQ("tester", readText(request, 8, 260));
+
+    ASSERT_TRUE(service->waitForRequests(ACTION_SET_RECEIVE_OPTION, 2));
+    EXPECT_EQ("/tmp/incoming", readText(lastRequest(ACTION_SET_RECEIVE_OPTION), 4, 260));
+    ASSERT_TRUE(callbacks.waitFor("app", 2));
+    const CallbackRecord back = callbacks.of("app").at(1);
+    EXPECT_EQ(4, back.status);
+    EXPECT_EQ(kAppID, back.app.nAppID);
+    EXPECT_EQ(kAppID, agent->getAppID());
+    std::vector<InteractionApp> apps;
+    EXPECT_EQ(0, agent->getInteractionAppList(&apps));
+    EXPECT_TRUE(apps.empty()) << "the list was cleared";
+}
+
+TEST_F(ReconnectionTest, AttemptsStartSixSecondsApartWhileTheServiceIsAway) {
+    registerAgent();
+    const Clock::time_point lost = Clock::now();
+    service->closeConnection();
+    service.reset();  // the first attempt, about 3 s after the loss, finds nobody
+    ASSERT_TRUE(callbacks.waitFor("app", 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(4500));
+    service = std::make_unique<FakeService>();
+    ASSERT_TRUE(service->listening());
+    answerLifecycle();
+    ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 1, 8000));
+    const double after = secondsSince(lost);
+    EXPECT_GT(after, 8.0);
+    EXPECT_LT(after, 10.5);
+    EXPECT_TRUE(callbacks.waitFor("app", 2));
+}
+
+TEST_F(ReconnectionTest, NothingReconnectsWithAutoReconnectOff) {
+    registerAgent(true, false);
+    loseService();
+    EXPECT_FALSE(service->waitForConnections(2, 4500));
+}
+
+TEST_F(ReconnectionTest, AServiceResultOf1100EndsTheAttempts) {
+    std::atomic<int> registrations(0);
+    service->on(ACTION_REGISTER, [&](const Bytes&) {
+        const int result = registrations++ == 0 ? 0 : 1100;
+        return std::vector<FakeService::Reply>{{body(ACTION_REGISTER, {kAppID, result})}};
+    });
+    ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, nullptr));
+    loseService();
+    ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
+    EXPECT_FALSE(service->waitForRequests(ACTION_REGISTER, 3, 6500));
+    EXPECT_TRUE(waitForAppID(-1));
+}
+
+TEST_F(ReconnectionTest, DestructionWaitsForAReconnectionInProgress) {
+    registerAgent();
+    loseService();
+    const Clock::time_point start = Clock::now();
+    agent.reset();  // the reconnection thread is pausing before its first attempt
+    EXPECT_LT(secondsSince(start), 2.0);
+    EXPECT_EQ(1, service->connections());
+    EXPECT_FALSE(service->waitForConnections(2, 3500)) << "no attempt after the agent is gone";
+}
+
+class AppEventTest : public AgentTest {};
+
+TEST_F(AppEventTest, AddRemoveAndOtherChangesReachTheListAndTheCallback) {
+    registerAgent();
+    ASSERT_TRUE(service->push(appChange(1, otherApp(20, "peer"))));
+    ASSERT_TRUE(service->push(appChange(1, otherApp(21, "second"))));
+    ASSERT_TRUE(callbacks.waitFor("app", 2));
+    std::vector<InteractionApp> apps(1);
+    ASSERT_EQ(0, agent->getInteractionAppList(&apps));
+    ASSERT_EQ(3u, apps.size());
+    EXPECT_STREQ("peer", apps[1].szAppName);
+    EXPECT_STREQ("second", apps[2].szAppName);
+
+    ASSERT_TRUE(service->push(appChange(2, otherApp(20, "peer"))));
+    ASSERT_TRUE(service->push(appChange(3, otherApp(21, "second"))));
+    ASSERT_TRUE(callbacks.waitFor("app", 4));
+    apps.clear();
+    ASSERT_EQ(0, agent->getInteractionAppList(&apps));
+    ASSERT_EQ(1u, apps.size());
+    EXPECT_EQ(21, apps[0].nAppID);
+    // A removal is logged in the insertion's words.
+    EXPECT_TRUE(log.contains("APP_STATUS_CHANGE_ADD m_pInteractionAppList->insert,1"));
+
+    const std::vector<CallbackRecord> seen = callbacks.of("app");
+    EXPECT_EQ((std::vector<int>{1, 1, 2, 3}),
+              (std::vector<int>{seen[0].status, seen[1].status, seen[2].status, seen[3].status}));
+    for (const CallbackRecord& record : seen) {
+        EXPECT_EQ(&user, record.user);
+    }
+}
+
+TEST_F(AppEventTest, AnEventAboutThisAppUpdatesTheOwnRecord) {
+    registerAgent();
+    InteractionApp self = otherApp(kAppID + 1, "renamed by the service");
+    self.SetMacAddress("01:23:45:67:89:ab");
+    self.fLocalDevice = 1;
+    ASSERT_TRUE(service->push(appChange(3, self)));
+    ASSERT_TRUE(callbacks.waitFor("app", 1));
+    const InteractionApp own = agent->getOwnApp();
+    EXPECT_STREQ("renamed by the service", own.szAppName);
+    EXPECT_EQ(kAppID + 1, own.nAppID);
+    EXPECT_EQ(11, own.nType);
+    EXPECT_STREQ("10.1.2.3", own.szIPv4);
+    EXPECT_STREQ("01:23:45:67:89:ab", own.szMacAddress);
+}
+
+TEST_F(AppEventTest, FramesThatCannotBeTrustedAreLoggedAndDropped) {
+    registerAgent();
+    Bytes truncated = appChange(1, otherApp(20, "peer"));
+    truncated.resize(truncated.size() - 1);
+    dispatch(truncated);
+    dispatch(Bytes{45, 0});  // too short even for an action ID
+    PELK::ReceiveDataRes lying;
+    lying.data.Set("abcd", 4);
+    Bytes claimsMore = encode(lying);
+    claimsMore[316] = 200;  // says 200 bytes follow; 4 do
+    dispatch(claimsMore);
+    dispatch(body(99, {7}));
+    dispatch(body(13, {8}));
+    dispatch(body(55));
+    EXPECT_TRUE(callbacks.of("app").empty());
+    EXPECT_TRUE(log.contains("Unknown ActionID=7!"));
+    EXPECT_TRUE(log.contains("Unknown ActionID=8!"));
+    EXPECT_TRUE(log.contains("Unknown ActionID=0!"));
+    EXPECT_EQ(2u, log.count("Dropped action"));
+    EXPECT_TRUE(log.contains("too short for an action ID"));
+    std::vector<InteractionApp> apps;
+    ASSERT_EQ(0, agent->getInteractionAppList(&apps));
+    EXPECT_TRUE(apps.empty());
+
+    PELK::Agent::ActionAgent::onActionReceived(nullptr, agent.get());
+    EXPECT_EQ(-1, agent->getAppID()) << "a null frame means the link has ended";
+    EXPECT_TRUE(callbacks.of("app").empty());
+}
+
+}  // namespace

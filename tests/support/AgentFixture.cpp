@@ -1,0 +1,201 @@
+#include "support/AgentFixture.h"
+
+#include <chrono>
+#include <thread>
+
+namespace pelktest {
+
+using PELK::ACTION_REGISTER;
+
+CallbackRecorder& CallbackRecorder::instance() {
+    static CallbackRecorder recorder;
+    return recorder;
+}
+
+void CallbackRecorder::onApp(const PELK::InteractionApp* app, int status, void* user) {
+    CallbackRecord record;
+    record.kind = "app";
+    record.status = status;
+    record.user = user;
+    record.app = *app;
+    instance().record(record);
+}
+
+void CallbackRecorder::onDevice(const PELK::DLNADevice* device, int status, void* user) {
+    CallbackRecord record;
+    record.kind = "device";
+    record.status = status;
+    record.user = user;
+    record.device = *device;
+    instance().record(record);
+}
+
+void CallbackRecorder::onData(PELK::data_transfer_event event, void* user) {
+    CallbackRecord record;
+    record.kind = "data";
+    record.user = user;
+    record.dataEvent = event;
+    instance().record(record);
+}
+
+void CallbackRecorder::onFile(PELK::file_transfer_event event, void* user) {
+    CallbackRecord record;
+    record.kind = "file";
+    record.user = user;
+    record.fileEvent = event;
+    instance().record(record);
+}
+
+void CallbackRecorder::onReceiveData(int type, const char* data, int len, void* user,
+                                     const PELK::InteractionApp* sender) {
+    CallbackRecord record;
+    record.kind = "receive-data";
+    record.status = type;
+    record.user = user;
+    record.app = *sender;
+    if (len > 0) {
+        record.data.assign(data, data + len);
+    }
+    instance().record(record);
+}
+
+void CallbackRecorder::onReceiveFile(PELK::file_transfer_event event, void* user) {
+    CallbackRecord record;
+    record.kind = "receive-file";
+    record.user = user;
+    record.fileEvent = event;
+    instance().record(record);
+}
+
+void CallbackRecorder::record(CallbackRecord record) {
+    std::function<void()> action;
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        if (m_action && m_actionKind == record.kind) {
+            action.swap(m_action);
+        }
+    }
+    if (action) {
+        action();
+    }
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_records.push_back(std::move(record));
+    m_changed.notify_all();
+}
+
+bool CallbackRecorder::waitFor(const std::string& kind, size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        size_t seen = 0;
+        for (const CallbackRecord& record : m_records) {
+            seen += record.kind == kind ? 1 : 0;
+        }
+        return seen >= count;
+    });
+}
+
+std::vector<CallbackRecord> CallbackRecorder::of(const std::string& kind) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    std::vector<CallbackRecord> matching;
+    for (const CallbackRecord& record : m_records) {
+        if (record.kind == kind) {
+            matching.push_back(record);
+        }
+    }
+    return matching;
+}
+
+void CallbackRecorder::clear() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_records.clear();
+    m_action = nullptr;
+}
+
+void CallbackRecorder::runInside(const std::string& kind, std::function<void()> action) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_actionKind = kind;
+    m_action = std::move(action);
+}
+
+Bytes encode(const PELK::ReqResBase& message) {
+    Bytes bytes(message.GetSize());
+    bytes.resize(message.GetBuffer(bytes.data()));
+    return bytes;
+}
+
+std::vector<char> dispatchFrame(const Bytes& body) {
+    const Bytes whole = frame(body);
+    return std::vector<char>(whole.begin(), whole.end());
+}
+
+void AgentTest::SetUp() {
+    ASSERT_TRUE(service->listening()) << "127.0.0.1:20014 is taken";
+    callbacks.clear();
+    answerLifecycle();
+}
+
+void AgentTest::answerLifecycle() {
+    service->answer(ACTION_REGISTER, body(ACTION_REGISTER, {kAppID, 0}));
+    answerResult(PELK::ACTION_UNREGISTER);
+    answerResult(PELK::ACTION_SET_RECEIVE_OPTION);
+}
+
+void AgentTest::TearDown() {
+    agent.reset();
+    callbacks.clear();
+}
+
+void AgentTest::registerAgent(bool withCallbacks, bool autoReconnect) {
+    const int result = withCallbacks ? agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp,
+                                                          CallbackRecorder::onDevice, autoReconnect)
+                                     : agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr,
+                                                          autoReconnect);
+    ASSERT_EQ(0, result);
+    ASSERT_EQ(kAppID, agent->getAppID());
+}
+
+void AgentTest::answerResult(int32_t actionID, int32_t result) {
+    service->answer(actionID, body(actionID, {result}));
+}
+
+Bytes AgentTest::lastRequest(int32_t actionID) {
+    const std::vector<Bytes> requests = service->received(actionID);
+    EXPECT_FALSE(requests.empty()) << "no request " << actionID;
+    return requests.empty() ? Bytes() : requests.back();
+}
+
+bool AgentTest::waitForAppID(int appID, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (agent->getAppID() != appID) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+void AgentTest::dispatch(const Bytes& body) {
+    std::vector<char> whole = dispatchFrame(body);
+    PELK::Agent::ActionAgent::onActionReceived(whole.data(), agent.get());
+}
+
+int32_t readInt32(const Bytes& bytes, size_t offset) {
+    if (offset + 4 > bytes.size()) {
+        ADD_FAILURE() << "no int32 at " << offset << " in " << bytes.size() << " bytes";
+        return 0;
+    }
+    return static_cast<int32_t>(bytes[offset] | bytes[offset + 1] << 8 | bytes[offset + 2] << 16 |
+                                static_cast<uint32_t>(bytes[offset + 3]) << 24);
+}
+
+std::string readText(const Bytes& bytes, size_t offset, size_t size) {
+    if (offset + size > bytes.size()) {
+        ADD_FAILURE() << "no text of " << size << " at " << offset << " in " << bytes.size() << " bytes";
+        return std::string();
+    }
+    const char* start = reinterpret_cast<const char*>(bytes.data() + offset);
+    return std::string(start, strnlen(start, size));
+}
+
+}  // namespace pelktest
