@@ -4,6 +4,16 @@
 
 #include "CommonLib/ZTLogger.h"
 
+using PELK::DataTransferCallback;
+using PELK::DLNA_DEVICE_ALL;
+using PELK::DLNA_DEVICE_TYPE;
+using PELK::DLNADevice;
+using PELK::FileInfo;
+using PELK::FileTransferCallback;
+using PELK::InteractionApp;
+using PELK::LocalNetworkDevice;
+using PELK::ReceiveDataCallback;
+using PELK::ReceiveOption;
 using PELK::Agent::ActionAgent;
 
 namespace {

@@ -30,17 +30,17 @@ public:
     // The target app is (ip, appID); ip is cut to 15 characters, a null ip reads as empty.
     int sendData(const char* data, unsigned int len, const char* ip, int appID, bool flag, int timeOut);
     int asynSendData(const char* data, unsigned int len, const char* ip, int appID, bool flag,
-                     DataTransferCallback callback, void* context);
+                     PELK::DataTransferCallback callback, void* context);
     int sendUDPData(const char* data, unsigned int len, const char* ip, int appID, bool flag,
-                    DataTransferCallback callback, void* context);
+                    PELK::DataTransferCallback callback, void* context);
     int broadcast(const char* data, unsigned int len, const char* ip, bool flag);
     // A broadcast to "0.0.0.0".
     int sendUDPDataAll(const char* data, unsigned int len, bool flag);
 
     // The transfer ID on success, the negated agent code otherwise.
-    int sendFile(const char* path, const char* ip, int appID, FileTransferCallback callback, void* context,
+    int sendFile(const char* path, const char* ip, int appID, PELK::FileTransferCallback callback, void* context,
                  bool flag, int value);
-    int sendFileList(const std::vector<std::string>& paths, const char* ip, int appID, FileTransferCallback callback,
+    int sendFileList(const std::vector<std::string>& paths, const char* ip, int appID, PELK::FileTransferCallback callback,
                      void* context, bool flag, int value);
     int pauseSend(unsigned long id);
     // Asks the agent to pause, not to resume: deliberate, see the definition.
@@ -50,14 +50,14 @@ public:
     int deleteSendFileCallback(unsigned long id);
 
     // folder is cut to 259 characters, a null folder reads as empty.
-    int setReceiveOption(const char* folder, ReceiveDataCallback dataCallback, void* dataContext,
-                         FileTransferCallback fileCallback, void* fileContext, bool flag, int value);
-    int setReceiveOption(const ReceiveOption* option);
-    int getReceiveOption(ReceiveOption* option);
-    int getLocalNetworkInfo(LocalNetworkDevice* device);
+    int setReceiveOption(const char* folder, PELK::ReceiveDataCallback dataCallback, void* dataContext,
+                         PELK::FileTransferCallback fileCallback, void* fileContext, bool flag, int value);
+    int setReceiveOption(const PELK::ReceiveOption* option);
+    int getReceiveOption(PELK::ReceiveOption* option);
+    int getLocalNetworkInfo(PELK::LocalNetworkDevice* device);
 
-    int searchInteractionApp(std::vector<InteractionApp>* apps);
-    int getInteractionAppList(std::vector<InteractionApp>* apps);
+    int searchInteractionApp(std::vector<PELK::InteractionApp>* apps);
+    int getInteractionAppList(std::vector<PELK::InteractionApp>* apps);
 
     int startDMS();
     int stopDMS();
@@ -67,26 +67,26 @@ public:
     // 0, 1 and 2 pass; any other kind asks for 2 (all devices).
     int rescanNetwork(int kind);
 
-    int searchDMS(std::vector<DLNADevice>* devices);
-    int searchDMR(std::vector<DLNADevice>* devices);
-    int getFileList(const DLNADevice* server, std::vector<FileInfo>* items);
-    int getFileList(const DLNADevice* server, const FileInfo* folder, std::vector<FileInfo>* items);
-    int getParentFileList(const DLNADevice* server, const FileInfo* item, std::vector<FileInfo>* items);
-    int getParentDirectoryInfo(const FileInfo* item, FileInfo* parent);
+    int searchDMS(std::vector<PELK::DLNADevice>* devices);
+    int searchDMR(std::vector<PELK::DLNADevice>* devices);
+    int getFileList(const PELK::DLNADevice* server, std::vector<PELK::FileInfo>* items);
+    int getFileList(const PELK::DLNADevice* server, const PELK::FileInfo* folder, std::vector<PELK::FileInfo>* items);
+    int getParentFileList(const PELK::DLNADevice* server, const PELK::FileInfo* item, std::vector<PELK::FileInfo>* items);
+    int getParentDirectoryInfo(const PELK::FileInfo* item, PELK::FileInfo* parent);
     // Download from server; upload from source into target's folder.
-    int copyFileList(const DLNADevice* server, const std::vector<FileInfo>* files, FileTransferCallback callback,
+    int copyFileList(const PELK::DLNADevice* server, const std::vector<PELK::FileInfo>* files, PELK::FileTransferCallback callback,
                      int* taskId);
-    int copyFileList(const DLNADevice* source, const DLNADevice* target, const std::vector<FileInfo>* files,
-                     const FileInfo* targetFolder, FileTransferCallback callback, int* taskId);
+    int copyFileList(const PELK::DLNADevice* source, const PELK::DLNADevice* target, const std::vector<PELK::FileInfo>* files,
+                     const PELK::FileInfo* targetFolder, PELK::FileTransferCallback callback, int* taskId);
     int stopCopyTransfer(int taskId);
     // Arguments go to the agent in this order, with the agent's last integer 0.
-    int playSelectedFile(int index, const DLNADevice* server, const std::vector<FileInfo>* files,
-                         const DLNADevice* renderer, PELK::Agent::PlayNotifyCallback callback, const void* context);
-    int stopCurPlayingFile(const DLNADevice* renderer);
-    int pauseCurPlayingFile(const DLNADevice* renderer);
-    int resumeCurPlayingFile(const DLNADevice* renderer);
-    int enableContentListCache(const DLNADevice* server);
-    int disableContentListCache(const DLNADevice* server);
+    int playSelectedFile(int index, const PELK::DLNADevice* server, const std::vector<PELK::FileInfo>* files,
+                         const PELK::DLNADevice* renderer, PELK::Agent::PlayNotifyCallback callback, const void* context);
+    int stopCurPlayingFile(const PELK::DLNADevice* renderer);
+    int pauseCurPlayingFile(const PELK::DLNADevice* renderer);
+    int resumeCurPlayingFile(const PELK::DLNADevice* renderer);
+    int enableContentListCache(const PELK::DLNADevice* server);
+    int disableContentListCache(const PELK::DLNADevice* server);
 
 private:
     ActionAgentWrapper();

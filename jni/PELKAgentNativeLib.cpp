@@ -32,6 +32,13 @@
 
 namespace {
 
+using PELK::data_transfer_event;
+using PELK::DLNA_DEVICE_TYPE;
+using PELK::DLNADevice;
+using PELK::file_transfer_event;
+using PELK::FileInfo;
+using PELK::InteractionApp;
+using PELK::ReceiveOption;
 using PELK::Common::MutexGuard;
 using PELK::Common::ZT_LOG_DEBUG;
 using PELK::Common::ZT_LOG_INFO;
