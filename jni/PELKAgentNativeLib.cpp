@@ -1307,6 +1307,26 @@ jint sendBytes(JNIEnv* env, jbyteArray data, jint length, jstring jip, const cha
     return send(bytes.data(), len, ip.c_str());
 }
 
+// asynSendData and sendUDPData. The first listener ever given is kept for all later sends,
+// whatever listener those name; a send without a listener asks for no status.
+jint sendWithListener(JNIEnv* env, jbyteArray data, jint length, jstring jip, jint appID, jboolean flag,
+                      jobject listener,
+                      int (ActionAgentWrapper::*send)(const char*, unsigned int, const char*, int, bool,
+                                                      PELK::DataTransferCallback, void*),
+                      const char* function) {
+    if (env == nullptr) {
+        return kNullArgument;
+    }
+    if (listener != nullptr &&
+        holdListener(env, listener, kSendDataListener, Keep::FirstPair, kConversionFailed, function) != 0) {
+        return kConversionFailed;
+    }
+    return sendBytes(env, data, length, jip, function, [&](const char* bytes, unsigned int len, const char* ip) {
+        return (facade()->*send)(bytes, len, ip, appID, flag == JNI_TRUE, listener != nullptr ? OnDataSend : nullptr,
+                                 nullptr);
+    });
+}
+
 // The texts of a Java String[]; elements that cannot be converted are left out, and a null
 // array reads as no texts.
 std::vector<std::string> stringsOf(JNIEnv* env, jobjectArray array) {
@@ -1400,6 +1420,31 @@ jint deviceOperation(JNIEnv* env, jobject jdevice, int (ActionAgentWrapper::*ope
         BRIDGE_LOG(ZT_LOG_INFO, function, "Success to %s!", method);
     }
     return nReturn;
+}
+
+// A listing of a server's content: the server (and the item, when one is asked for) read from
+// Java, the facade asked, the items handed back as an array; null on any failure.
+template <class Ask>
+jobjectArray contentList(JNIEnv* env, jobject jdevice, const jobject* jitem, const char* method, const char* nullLine,
+                         Ask ask, const char* function) {
+    BRIDGE_LOG(ZT_LOG_INFO, function, "enter function %s!", method);
+    if (env == nullptr || jdevice == nullptr || (jitem != nullptr && *jitem == nullptr)) {
+        BRIDGE_LOG(ZT_LOG_WARNING, function, "%s", nullLine);
+        return nullptr;
+    }
+    DLNADevice server;
+    FileInfo item;
+    if (getDLNADevice(env, jdevice, server) != 0) {
+        BRIDGE_LOG(ZT_LOG_WARNING, function, "get device from jobject failed!");
+        return nullptr;
+    }
+    if (jitem != nullptr && getFileInfo(env, *jitem, item) != 0) {
+        BRIDGE_LOG(ZT_LOG_WARNING, function, "get fileInfo from jobject failed!");
+        return nullptr;
+    }
+    std::vector<FileInfo> items;
+    const int nReturn = ask(server, item, items);
+    return javaArray(env, nReturn, items, {method, "setFileList"}, setFileList, function);
 }
 
 }  // namespace
@@ -1509,35 +1554,14 @@ JNIEXPORT jint JNICALL PELK_NATIVE(sendData)(JNIEnv* env, jclass, jbyteArray dat
     });
 }
 
-// The first listener given is kept for every later send, whatever listener those name.
 JNIEXPORT jint JNICALL PELK_NATIVE(asynSendData)(JNIEnv* env, jclass, jbyteArray data, jint length, jstring jip,
                                                  jint appID, jboolean flag, jobject listener) {
-    if (env == nullptr) {
-        return kNullArgument;
-    }
-    if (listener != nullptr &&
-        holdListener(env, listener, kSendDataListener, Keep::FirstPair, kConversionFailed, __func__) != 0) {
-        return kConversionFailed;
-    }
-    return sendBytes(env, data, length, jip, __func__, [&](const char* bytes, unsigned int len, const char* ip) {
-        return facade()->asynSendData(bytes, len, ip, appID, flag == JNI_TRUE,
-                                      listener != nullptr ? OnDataSend : nullptr, nullptr);
-    });
+    return sendWithListener(env, data, length, jip, appID, flag, listener, &ActionAgentWrapper::asynSendData, __func__);
 }
 
 JNIEXPORT jint JNICALL PELK_NATIVE(sendUDPData)(JNIEnv* env, jclass, jbyteArray data, jint length, jstring jip,
                                                 jint appID, jboolean flag, jobject listener) {
-    if (env == nullptr) {
-        return kNullArgument;
-    }
-    if (listener != nullptr &&
-        holdListener(env, listener, kSendDataListener, Keep::FirstPair, kConversionFailed, __func__) != 0) {
-        return kConversionFailed;
-    }
-    return sendBytes(env, data, length, jip, __func__, [&](const char* bytes, unsigned int len, const char* ip) {
-        return facade()->sendUDPData(bytes, len, ip, appID, flag == JNI_TRUE,
-                                     listener != nullptr ? OnDataSend : nullptr, nullptr);
-    });
+    return sendWithListener(env, data, length, jip, appID, flag, listener, &ActionAgentWrapper::sendUDPData, __func__);
 }
 
 JNIEXPORT jint JNICALL PELK_NATIVE(sendUDPDataAll)(JNIEnv* env, jclass, jbyteArray data, jint length,
@@ -1717,62 +1741,33 @@ JNIEXPORT jobjectArray JNICALL PELK_NATIVE(searchDMR)(JNIEnv* env, jclass) {
 }
 
 JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getRootFileList)(JNIEnv* env, jclass, jobject jdevice) {
-    LOG_INFO("enter function getRootFileList!");
-    if (env == nullptr || jdevice == nullptr) {
-        LOG_WARN("enter function getRootFileList! --> (NULL == jenv) || (NULL == jdevice)");
-        return nullptr;
-    }
-    DLNADevice device;
-    if (getDLNADevice(env, jdevice, device) != 0) {
-        LOG_WARN("get device from jobject failed!");
-        return nullptr;
-    }
-    std::vector<FileInfo> items;
-    const int nReturn = facade()->getFileList(&device, &items);
-    return javaArray(env, nReturn, items, {"getRootFileList", "setFileList"}, setFileList, __func__);
+    return contentList(
+        env, jdevice, nullptr, "getRootFileList", "enter function getRootFileList! --> (NULL == jenv) || (NULL == jdevice)",
+        [](const DLNADevice& server, const FileInfo&, std::vector<FileInfo>& items) {
+            return facade()->getFileList(&server, &items);
+        },
+        __func__);
 }
 
 JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getFileList)(JNIEnv* env, jclass, jobject jdevice, jobject jfileInfo) {
-    LOG_INFO("enter function getFileList!");
-    if (env == nullptr || jdevice == nullptr || jfileInfo == nullptr) {
-        LOG_WARN("enter function getFileList! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jfileInfo)");
-        return nullptr;
-    }
-    DLNADevice device;
-    FileInfo folder;
-    if (getDLNADevice(env, jdevice, device) != 0) {
-        LOG_WARN("get device from jobject failed!");
-        return nullptr;
-    }
-    if (getFileInfo(env, jfileInfo, folder) != 0) {
-        LOG_WARN("get fileInfo from jobject failed!");
-        return nullptr;
-    }
-    std::vector<FileInfo> items;
-    const int nReturn = facade()->getFileList(&device, &folder, &items);
-    return javaArray(env, nReturn, items, {"getFileList", "setFileList"}, setFileList, __func__);
+    return contentList(
+        env, jdevice, &jfileInfo, "getFileList",
+        "enter function getFileList! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jfileInfo)",
+        [](const DLNADevice& server, const FileInfo& folder, std::vector<FileInfo>& items) {
+            return facade()->getFileList(&server, &folder, &items);
+        },
+        __func__);
 }
 
 JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getParentFileList)(JNIEnv* env, jclass, jobject jdevice,
                                                                jobject jFileInfo) {
-    LOG_INFO("enter function getParentFileList!");
-    if (env == nullptr || jdevice == nullptr || jFileInfo == nullptr) {
-        LOG_WARN("enter function getParentFileList! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jFileInfo)");
-        return nullptr;
-    }
-    DLNADevice device;
-    FileInfo item;
-    if (getDLNADevice(env, jdevice, device) != 0) {
-        LOG_WARN("get device from jobject failed!");
-        return nullptr;
-    }
-    if (getFileInfo(env, jFileInfo, item) != 0) {
-        LOG_WARN("get fileInfo from jobject failed!");
-        return nullptr;
-    }
-    std::vector<FileInfo> items;
-    const int nReturn = facade()->getParentFileList(&device, &item, &items);
-    return javaArray(env, nReturn, items, {"getParentFileList", "setFileList"}, setFileList, __func__);
+    return contentList(
+        env, jdevice, &jFileInfo, "getParentFileList",
+        "enter function getParentFileList! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jFileInfo)",
+        [](const DLNADevice& server, const FileInfo& item, std::vector<FileInfo>& items) {
+            return facade()->getParentFileList(&server, &item, &items);
+        },
+        __func__);
 }
 
 JNIEXPORT jint JNICALL PELK_NATIVE(getParentDirectoryInfo)(JNIEnv* env, jclass, jobject jFileInfo,

@@ -259,18 +259,6 @@ protected:
         return array;
     }
 
-    jobject boxed(const char* className, const char* signature, ...) {
-        jclass cls = env->FindClass(className);
-        va_list args;
-        va_start(args, signature);
-        jobject value = env->CallStaticObjectMethodV(cls, env->GetStaticMethodID(cls, "valueOf", signature), args);
-        va_end(args);
-        expectNoException();
-        return value;
-    }
-    jobject integer(int v) { return boxed("java/lang/Integer", "(I)Ljava/lang/Integer;", v); }
-    jobject boolean(bool v) { return boxed("java/lang/Boolean", "(Z)Ljava/lang/Boolean;", v ? JNI_TRUE : JNI_FALSE); }
-
     jobject make(const char* className, const char* signature, ...) {
         jclass cls = env->FindClass(className);
         va_list args;
@@ -280,6 +268,8 @@ protected:
         expectNoException();
         return obj;
     }
+    jobject integer(int v) { return make("java/lang/Integer", "(I)V", v); }
+    jobject boolean(bool v) { return make("java/lang/Boolean", "(Z)V", v ? JNI_TRUE : JNI_FALSE); }
     jobject recorder() { return make("com/quorvik/kolt/pelk/agent/probe/Recorder", "()V"); }
     jobject device(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local) {
         return make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", str(name), type,
