@@ -139,8 +139,8 @@ int ActionAgentWrapper::sendFile(const char* path, const char* ip, int appID, Fi
                                  void* context, bool flag, int value) {
     const InteractionApp app = remoteApp(ip, appID);
     uint32_t id = 0;
-    const int nReturn = report(plain("sendFile"),
-                               m_pActionAgent->sendFile(path, &app, callback, context, &id, flag, value));
+    const int nReturn =
+        report(plain("sendFile"), m_pActionAgent->sendFile(path, &app, callback, context, &id, flag, value));
     return taskIdOrNegatedCode(nReturn, id);
 }
 
@@ -148,8 +148,8 @@ int ActionAgentWrapper::sendFileList(const std::vector<std::string>& paths, cons
                                      FileTransferCallback callback, void* context, bool flag, int value) {
     const InteractionApp app = remoteApp(ip, appID);
     uint32_t id = 0;
-    const int nReturn = report(plain("sendFileList"),
-                               m_pActionAgent->sendFileList(&paths, &app, callback, context, &id, flag, value));
+    const int nReturn =
+        report(plain("sendFileList"), m_pActionAgent->sendFileList(&paths, &app, callback, context, &id, flag, value));
     return taskIdOrNegatedCode(nReturn, id);
 }
 
@@ -171,13 +171,11 @@ int ActionAgentWrapper::cancelReceive(unsigned long id) {
 }
 
 int ActionAgentWrapper::deleteSendFileCallback(unsigned long id) {
-    return report(plain("deleteSendFileCallback"),
-                  m_pActionAgent->deleteSendFileCallback(static_cast<uint32_t>(id)));
+    return report(plain("deleteSendFileCallback"), m_pActionAgent->deleteSendFileCallback(static_cast<uint32_t>(id)));
 }
 
 int ActionAgentWrapper::setReceiveOption(const char* folder, ReceiveDataCallback dataCallback, void* dataContext,
-                                         FileTransferCallback fileCallback, void* fileContext, bool flag,
-                                         int value) {
+                                         FileTransferCallback fileCallback, void* fileContext, bool flag, int value) {
     ReceiveOption option;
     PELK::Wire::CopyText(option.directory, folder);
     option.rename = flag;

@@ -40,8 +40,8 @@ public:
     // The transfer ID on success, the negated agent code otherwise.
     int sendFile(const char* path, const char* ip, int appID, PELK::FileTransferCallback callback, void* context,
                  bool flag, int value);
-    int sendFileList(const std::vector<std::string>& paths, const char* ip, int appID, PELK::FileTransferCallback callback,
-                     void* context, bool flag, int value);
+    int sendFileList(const std::vector<std::string>& paths, const char* ip, int appID,
+                     PELK::FileTransferCallback callback, void* context, bool flag, int value);
     int pauseSend(unsigned long id);
     // Asks the agent to pause, not to resume: deliberate, see the definition.
     int resumeSend(unsigned long id);
@@ -71,17 +71,20 @@ public:
     int searchDMR(std::vector<PELK::DLNADevice>* devices);
     int getFileList(const PELK::DLNADevice* server, std::vector<PELK::FileInfo>* items);
     int getFileList(const PELK::DLNADevice* server, const PELK::FileInfo* folder, std::vector<PELK::FileInfo>* items);
-    int getParentFileList(const PELK::DLNADevice* server, const PELK::FileInfo* item, std::vector<PELK::FileInfo>* items);
+    int getParentFileList(const PELK::DLNADevice* server, const PELK::FileInfo* item,
+                          std::vector<PELK::FileInfo>* items);
     int getParentDirectoryInfo(const PELK::FileInfo* item, PELK::FileInfo* parent);
     // Download from server; upload from source into target's folder.
-    int copyFileList(const PELK::DLNADevice* server, const std::vector<PELK::FileInfo>* files, PELK::FileTransferCallback callback,
-                     int* taskId);
-    int copyFileList(const PELK::DLNADevice* source, const PELK::DLNADevice* target, const std::vector<PELK::FileInfo>* files,
-                     const PELK::FileInfo* targetFolder, PELK::FileTransferCallback callback, int* taskId);
+    int copyFileList(const PELK::DLNADevice* server, const std::vector<PELK::FileInfo>* files,
+                     PELK::FileTransferCallback callback, int* taskId);
+    int copyFileList(const PELK::DLNADevice* source, const PELK::DLNADevice* target,
+                     const std::vector<PELK::FileInfo>* files, const PELK::FileInfo* targetFolder,
+                     PELK::FileTransferCallback callback, int* taskId);
     int stopCopyTransfer(int taskId);
     // Arguments go to the agent in this order, with the agent's last integer 0.
     int playSelectedFile(int index, const PELK::DLNADevice* server, const std::vector<PELK::FileInfo>* files,
-                         const PELK::DLNADevice* renderer, PELK::Agent::PlayNotifyCallback callback, const void* context);
+                         const PELK::DLNADevice* renderer, PELK::Agent::PlayNotifyCallback callback,
+                         const void* context);
     int stopCurPlayingFile(const PELK::DLNADevice* renderer);
     int pauseCurPlayingFile(const PELK::DLNADevice* renderer);
     int resumeCurPlayingFile(const PELK::DLNADevice* renderer);

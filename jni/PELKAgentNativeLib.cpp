@@ -13,7 +13,7 @@
 // given and to four classes cached at load. All of them are read and replaced under g_refMutex,
 // and a callback works on local references taken from them, so a listener replaced or released
 // meanwhile (a newer copy listener, a new registration, unload) is never used after its release.
-// g_refMutex is a leaf lock: nothing else is taken while it is held.
+// g_refMutex is a leaf lock: no other lock of the library is taken while it is held.
 #include <jni.h>
 #include <pthread.h>
 
@@ -134,7 +134,7 @@ private:
     T m_ref;
 };
 
-// The local references made for one listener call, deleted together.
+// The local references made for one listener call (at most four), deleted together.
 class LocalRefs {
 public:
     explicit LocalRefs(JNIEnv* env) : m_env(env) {}
@@ -295,11 +295,12 @@ template <size_t N>
 jobject makeObject(JNIEnv* env, jclass const& cachedClass, const FieldSpec (&specs)[N], const jvalue (&values)[N],
                    const char* allocTag, const char* function) {
     LocalRef<jclass> cls(env, localCopy(env, cachedClass));
+    if (!cls) {
+        BRIDGE_LOG(ZT_LOG_WARNING, function, "%s", allocTag);
+        return nullptr;
+    }
     jfieldID ids[N];
-    if (!cls || !lookupFields(env, cls.get(), specs, ids, function)) {
-        if (!cls) {
-            BRIDGE_LOG(ZT_LOG_WARNING, function, "%s", allocTag);
-        }
+    if (!lookupFields(env, cls.get(), specs, ids, function)) {
         return nullptr;
     }
     jobject obj = allocWithFields(env, cls.get(), specs, ids, values);
@@ -310,9 +311,12 @@ jobject makeObject(JNIEnv* env, jclass const& cachedClass, const FieldSpec (&spe
 }
 
 const FieldSpec kInteractionAppFields[] = {
-    {"szAppName", kStringSignature, "fid_appName"},   {"nAppID", "I", "fid_appID"},
-    {"nType", "I", "fid_interactionType"},            {"szIPv4", kStringSignature, "fid_IPV4Address"},
-    {"szMacAddress", kStringSignature, "fid_macAddress"}, {"fLocalDevice", "Z", "fid_localApp"},
+    {"szAppName", kStringSignature, "fid_appName"},
+    {"nAppID", "I", "fid_appID"},
+    {"nType", "I", "fid_interactionType"},
+    {"szIPv4", kStringSignature, "fid_IPV4Address"},
+    {"szMacAddress", kStringSignature, "fid_macAddress"},
+    {"fLocalDevice", "Z", "fid_localApp"},
 };
 
 jobject makeInteractionApp(JNIEnv* env, const InteractionApp* app) {
@@ -327,15 +331,14 @@ jobject makeInteractionApp(JNIEnv* env, const InteractionApp* app) {
         LOG_WARN("jo_interactionApp == NULL");
         return nullptr;
     }
-    const jvalue values[] = {objectValue(name.get()), intValue(app->nAppID),   intValue(app->nType),
+    const jvalue values[] = {objectValue(name.get()), intValue(app->nAppID),  intValue(app->nType),
                              objectValue(ip.get()),   objectValue(mac.get()), boolValue(app->fLocalDevice != 0)};
     return makeObject(env, g_jcInteractionApp, kInteractionAppFields, values, "jo_interactionApp == NULL", __func__);
 }
 
 const FieldSpec kDLNADeviceFields[] = {
-    {"name", kStringSignature, "fid_name"},        {"UUID", kStringSignature, "fid_UUID"},
-    {"type", "I", "fid_type"},                     {"IPv4", kStringSignature, "fid_IPV4Address"},
-    {"localDevice", "Z", "fid_localDevice"},
+    {"name", kStringSignature, "fid_name"},        {"UUID", kStringSignature, "fid_UUID"},  {"type", "I", "fid_type"},
+    {"IPv4", kStringSignature, "fid_IPV4Address"}, {"localDevice", "Z", "fid_localDevice"},
 };
 
 // The Java texts of a device, made before its object.
@@ -389,8 +392,7 @@ jobject makeDataTransferEvent(JNIEnv* env, const data_transfer_event& event) {
     }
     const jvalue values[] = {longValue(event.nId), longValue(event.nEventType), intValue(event.nRemoteAppID),
                              objectValue(ip.get())};
-    return makeObject(env, g_jcDataTransferEvent, kDataTransferEventFields, values, "jo_dataEvent == NULL",
-                      __func__);
+    return makeObject(env, g_jcDataTransferEvent, kDataTransferEventFields, values, "jo_dataEvent == NULL", __func__);
 }
 
 const FieldSpec kFileTransferEventFields[] = {
@@ -423,8 +425,7 @@ jobject makeFileTransferEvent(JNIEnv* env, const file_transfer_event& event) {
                              objectValue(fileName.get()),
                              objectValue(ip.get()),
                              intValue(event.nRemoteAppID)};
-    return makeObject(env, g_jcFileTransferEvent, kFileTransferEventFields, values, "jo_fileEvent == NULL",
-                      __func__);
+    return makeObject(env, g_jcFileTransferEvent, kFileTransferEventFields, values, "jo_fileEvent == NULL", __func__);
 }
 
 // The six texts of a FileInfo, by Java field name and native field.
@@ -478,6 +479,22 @@ jclass findClass(JNIEnv* env, const char* name, const char* tag, const char* fun
     return cls;
 }
 
+// The device class refers to the icon class, which must be complete although the bridge never
+// makes an icon: a device array is built only when it is.
+bool iconClassComplete(JNIEnv* env, jclass deviceClass, const char* function) {
+    LocalRef<jclass> iconClass(env, findClass(env, kDLNADeviceIconClass, "objIcon", function));
+    const FieldSpec iconFields[] = {{"type", kStringSignature, "fid_iconType"},
+                                    {"height", "I", "fid_iconHeight"},
+                                    {"width", "I", "fid_iconWidth"},
+                                    {"URL", kStringSignature, "fid_iconURL"}};
+    const FieldSpec deviceIconField[] = {
+        {"deviceIcon", "Lcom/quorvik/kolt/pelk/agent/DLNADeviceIcon;", "fid_deviceIcon"}};
+    jfieldID iconIds[4];
+    jfieldID deviceIconId[1];
+    return iconClass && lookupFields(env, iconClass.get(), iconFields, iconIds, function) &&
+           lookupFields(env, deviceClass, deviceIconField, deviceIconId, function);
+}
+
 // The array builders refuse an empty list, so the native methods return no array for it.
 int setDLNADevice(JNIEnv* env, const std::vector<DLNADevice>& devices, jobjectArray& out) {
     if (env == nullptr) {
@@ -498,18 +515,8 @@ int setDLNADevice(JNIEnv* env, const std::vector<DLNADevice>& devices, jobjectAr
         LOG_WARN("NewObjectArray --> NULL == deviceListArray");
         return kNullArgument;
     }
-    // The icon class must be there (the device refers to it), though no icon is ever made.
-    LocalRef<jclass> iconClass(env, findClass(env, kDLNADeviceIconClass, "objIcon", __func__));
-    const FieldSpec iconFields[] = {{"type", kStringSignature, "fid_iconType"},
-                                    {"height", "I", "fid_iconHeight"},
-                                    {"width", "I", "fid_iconWidth"},
-                                    {"URL", kStringSignature, "fid_iconURL"}};
-    const FieldSpec iconField[] = {{"deviceIcon", "Lcom/quorvik/kolt/pelk/agent/DLNADeviceIcon;", "fid_deviceIcon"}};
-    jfieldID iconIds[4];
-    jfieldID iconFieldId[1];
     jfieldID ids[5];
-    if (!iconClass || !lookupFields(env, iconClass.get(), iconFields, iconIds, __func__) ||
-        !lookupFields(env, cls.get(), iconField, iconFieldId, __func__) ||
+    if (!iconClassComplete(env, cls.get(), __func__) ||
         !lookupFields(env, cls.get(), kDLNADeviceFields, ids, __func__)) {
         return kNullArgument;
     }
@@ -517,8 +524,8 @@ int setDLNADevice(JNIEnv* env, const std::vector<DLNADevice>& devices, jobjectAr
         const DeviceTexts texts(env, devices[i]);
         jvalue values[5];
         deviceValues(devices[i], texts, values);
-        LocalRef<jobject> device(env, texts.made() ? allocWithFields(env, cls.get(), kDLNADeviceFields, ids, values)
-                                                   : nullptr);
+        LocalRef<jobject> device(
+            env, texts.made() ? allocWithFields(env, cls.get(), kDLNADeviceFields, ids, values) : nullptr);
         if (!device) {
             LOG_WARN("jo_DLNADevice == NULL");
             return kNullArgument;
@@ -544,12 +551,12 @@ int setFileList(JNIEnv* env, const std::vector<FileInfo>& items, jobjectArray& o
     }
     LOG_INFO("File list contains %d files!", static_cast<int>(items.size()));
     LocalRef<jobjectArray> array(env, env->NewObjectArray(static_cast<jsize>(items.size()), cls.get(), nullptr));
-    jfieldID ids[kFileInfoTextCount];
     if (!array) {
         clearException(env);
         LOG_WARN("NewObjectArray --> NULL == jFileListArray");
         return kNullArgument;
     }
+    jfieldID ids[kFileInfoTextCount];
     if (!lookupFields(env, cls.get(), kFileInfoFields, ids, __func__)) {
         return kNullArgument;
     }
@@ -641,8 +648,7 @@ jmethodID getterOf(JNIEnv* env, jclass cls, const std::string& getter, const cha
 }
 
 // Reads the text getter of a value (getName for "name") into a native field of size bytes.
-int readText(JNIEnv* env, jclass cls, jobject obj, const char* name, char* field, size_t size,
-             const char* function) {
+int readText(JNIEnv* env, jclass cls, jobject obj, const char* name, char* field, size_t size, const char* function) {
     const jmethodID mid = getterOf(env, cls, capitalised("get", name), "()Ljava/lang/String;", function);
     if (mid == nullptr) {
         return kNullArgument;
@@ -793,16 +799,16 @@ int getReceiveOptionFromObject(JNIEnv* env, const jobject& jReceiveOption, Recei
         return kNullArgument;
     }
     LocalRef<jclass> cls(env, findClass(env, kReceiveOptionClass, "objClass", __func__));
-    LocalRef<jobject> copy(env, cls ? copyOf(env, cls.get(), jReceiveOption,
-                                             "(Lcom/quorvik/kolt/pelk/agent/ReceiveOption;)V", "receiveOptionObject",
-                                             __func__)
-                                    : nullptr);
+    LocalRef<jobject> copy(
+        env, cls ? copyOf(env, cls.get(), jReceiveOption, "(Lcom/quorvik/kolt/pelk/agent/ReceiveOption;)V",
+                          "receiveOptionObject", __func__)
+                 : nullptr);
     if (!copy) {
         return kNullArgument;
     }
     // The folder keeps its terminator: the agent reads it as a text.
-    int code = readText(env, cls.get(), copy.get(), "directory", option.directory, sizeof(option.directory) - 1,
-                        __func__);
+    int code =
+        readText(env, cls.get(), copy.get(), "directory", option.directory, sizeof(option.directory) - 1, __func__);
     code = code != 0 ? code : readBool(env, cls.get(), copy.get(), "isRename", option.rename, __func__);
     code = code != 0 ? code : readInt(env, cls.get(), copy.get(), "getPercent", option.percent, __func__);
     return code;
@@ -871,17 +877,15 @@ struct ListenerSlot {
     const char* objectTag;
 };
 
-const ListenerSlot kInterAppListener{g_interAppCallbackClass, g_interAppCallbackObject,
-                                     "local_interAppCallbackClass", "g_interAppCallbackClass",
-                                     "g_interAppCallbackObject"};
+const ListenerSlot kInterAppListener{g_interAppCallbackClass, g_interAppCallbackObject, "local_interAppCallbackClass",
+                                     "g_interAppCallbackClass", "g_interAppCallbackObject"};
 const ListenerSlot kDeviceListener{g_dlnaDeviceCallbackClass, g_dlnaDeviceCallbackObject,
                                    "local_dlnaDeviceCallbackClass", "g_dlnaDeviceCallbackClass",
                                    "g_dlnaDeviceCallbackObject"};
 const ListenerSlot kSendDataListener{g_sendDataCallbackClass, g_sendDataCallbackObject, "local_sendDataCallback",
                                      "g_sendDataCallbackClass", "g_sendDataCallbackObject"};
-const ListenerSlot kSendFileListener{g_sendFileCallbackClass, g_sendFileCallbackObject,
-                                     "local_sendfileCallbackClass", "g_sendFileCallbackClass",
-                                     "g_sendFileCallbackObject"};
+const ListenerSlot kSendFileListener{g_sendFileCallbackClass, g_sendFileCallbackObject, "local_sendfileCallbackClass",
+                                     "g_sendFileCallbackClass", "g_sendFileCallbackObject"};
 const ListenerSlot kSendFileListListener{g_sendFileListCallbackClass, g_sendFileListCallbackObject,
                                          "local_sendfileListCallbackClass", "g_sendFileListCallbackClass",
                                          "g_sendFileListCallbackObject"};
@@ -985,8 +989,8 @@ public:
             return;
         }
         m_env = state == JNI_OK ? env : nullptr;
-        m_attachedHere = m_env != nullptr && g_leftAttachedKeyMade.load() &&
-                         pthread_getspecific(g_leftAttachedKey) != nullptr;
+        m_attachedHere =
+            m_env != nullptr && g_leftAttachedKeyMade.load() && pthread_getspecific(g_leftAttachedKey) != nullptr;
     }
     EventThread(const EventThread&) = delete;
     EventThread& operator=(const EventThread&) = delete;
@@ -1098,9 +1102,7 @@ const void* heldValue(jobject const& global) {
     return global;
 }
 
-int heldValueAsInt(jobject const& global) {
-    return static_cast<int>(reinterpret_cast<intptr_t>(heldValue(global)));
-}
+int heldValueAsInt(jobject const& global) { return static_cast<int>(reinterpret_cast<intptr_t>(heldValue(global))); }
 
 // An argument list of an object made by makeObject and an int; logs failTag when the object
 // cannot be made.
@@ -1151,8 +1153,8 @@ void OnDeviceChange(const DLNADevice* device, int nChangeType, void*) {
 }
 
 void OnDataSend(data_transfer_event event, void*) {
-    LOG_INFO("NativeLib OnDataSend to %.*s:%d(type=%d), Result:%ld", textLength(event.strIPAddress),
-             event.strIPAddress, event.nRemoteAppID, static_cast<int>(event.nEventType), static_cast<long>(event.nId));
+    LOG_INFO("NativeLib OnDataSend to %.*s:%d(type=%d), Result:%ld", textLength(event.strIPAddress), event.strIPAddress,
+             event.nRemoteAppID, static_cast<int>(event.nEventType), static_cast<long>(event.nId));
     deliver(g_sendDataCallbackClass, g_sendDataCallbackObject, "onSendingData",
             "(Lcom/quorvik/kolt/pelk/agent/PELKAgentNativeLib$DataTransferEvent;)V",
             oneObject([&](JNIEnv* env) { return makeDataTransferEvent(env, event); }, "jo_dataEvent == NULL", __func__),
@@ -1169,26 +1171,27 @@ void OnDataReceive(int type, const char* data, int length, void*, const Interact
     LOG_DEBUG("OnDataReceive: ==============buf [%.*s]", size, size > 0 ? data : "");
     LOG_INFO("OnDataReceive: g_receiveCallbackObject = %d", heldValueAsInt(g_receiveCallbackObject));
     const char* function = __func__;
-    deliver(g_receiveCallbackClass, g_receiveCallbackObject, "onReceivingData",
-            "(I[BILcom/quorvik/kolt/pelk/agent/PELKAgentNativeLib$InteractionApp;)V",
-            [=](JNIEnv* env, jvalue* args, LocalRefs& made) {
-                jbyteArray bytes = static_cast<jbyteArray>(made.add(env->NewByteArray(size)));
-                jobject app = bytes == nullptr ? nullptr : made.add(makeInteractionApp(env, sender));
-                if (app == nullptr) {
-                    clearException(env);
-                    BRIDGE_LOG(ZT_LOG_WARNING, function, "jo_interactionApp == NULL");
-                    return false;
-                }
-                if (size > 0) {
-                    env->SetByteArrayRegion(bytes, 0, size, reinterpret_cast<const jbyte*>(data));
-                }
-                args[0] = intValue(type);
-                args[1] = objectValue(bytes);
-                args[2] = intValue(size);
-                args[3] = objectValue(app);
-                return true;
-            },
-            function);
+    deliver(
+        g_receiveCallbackClass, g_receiveCallbackObject, "onReceivingData",
+        "(I[BILcom/quorvik/kolt/pelk/agent/PELKAgentNativeLib$InteractionApp;)V",
+        [=](JNIEnv* env, jvalue* args, LocalRefs& made) {
+            jbyteArray bytes = static_cast<jbyteArray>(made.add(env->NewByteArray(size)));
+            jobject app = bytes == nullptr ? nullptr : made.add(makeInteractionApp(env, sender));
+            if (app == nullptr) {
+                clearException(env);
+                BRIDGE_LOG(ZT_LOG_WARNING, function, "jo_interactionApp == NULL");
+                return false;
+            }
+            if (size > 0) {
+                env->SetByteArrayRegion(bytes, 0, size, reinterpret_cast<const jbyte*>(data));
+            }
+            args[0] = intValue(type);
+            args[1] = objectValue(bytes);
+            args[2] = intValue(size);
+            args[3] = objectValue(app);
+            return true;
+        },
+        function);
 }
 
 void OnFileReceive(file_transfer_event event, void*) {
@@ -1208,8 +1211,8 @@ void OnFileSend(file_transfer_event event, void* context) {
     const int type = static_cast<int>(event.nEventType);
     const long long done = static_cast<long long>(event.ullCurrentSize);
     const long long total = static_cast<long long>(event.ullTotalSize);
-    LOG_INFO("NativeLib OnFileSend to %.*s:%d(type=%d):%lld/%lld", ipLength, event.strOtherSideIP,
-             event.nRemoteAppID, type, done, total);
+    LOG_INFO("NativeLib OnFileSend to %.*s:%d(type=%d):%lld/%lld", ipLength, event.strOtherSideIP, event.nRemoteAppID,
+             type, done, total);
     if (context != nullptr && context != kSendFileListContext) {
         EventThread thread;
         LOG_WARN("methodID == NULL");
@@ -1227,8 +1230,8 @@ void OnFileSend(file_transfer_event event, void* context) {
                        event.strOtherSideIP, event.nRemoteAppID, type, done, total, step);
         });
     if (delivered) {
-        LOG_INFO("Finish OnFileSend to %.*s:%d(type=%d):%lld/%lld", ipLength, event.strOtherSideIP,
-                 event.nRemoteAppID, type, done, total);
+        LOG_INFO("Finish OnFileSend to %.*s:%d(type=%d):%lld/%lld", ipLength, event.strOtherSideIP, event.nRemoteAppID,
+                 type, done, total);
     }
 }
 
@@ -1281,8 +1284,8 @@ public:
         return m_bytes != nullptr && asked > m_size ? m_size : asked;
     }
     void log(const char* function, unsigned int length) const {
-        BRIDGE_LOG(ZT_LOG_DEBUG, function, "%s: buf: %.*s!", function, m_bytes != nullptr ? static_cast<int>(length) : 0,
-                   m_bytes != nullptr ? data() : "");
+        BRIDGE_LOG(ZT_LOG_DEBUG, function, "%s: buf: %.*s!", function,
+                   m_bytes != nullptr ? static_cast<int>(length) : 0, m_bytes != nullptr ? data() : "");
     }
 
 private:
@@ -1368,8 +1371,8 @@ jobjectArray javaArray(JNIEnv* env, int nReturn, const std::vector<Record>& reco
 }
 
 // The app lists come back as arrays even when empty.
-jobjectArray appArray(JNIEnv* env, int (ActionAgentWrapper::*query)(std::vector<InteractionApp>*),
-                      const char* method, const char* function) {
+jobjectArray appArray(JNIEnv* env, int (ActionAgentWrapper::*query)(std::vector<InteractionApp>*), const char* method,
+                      const char* function) {
     if (env == nullptr) {
         return nullptr;
     }
@@ -1503,8 +1506,8 @@ extern "C" JNIEXPORT void JNICALL JNI_OnUnload(JavaVM* vm, void*) {
 
 extern "C" {
 
-JNIEXPORT jint JNICALL PELK_NATIVE(registerApp)(JNIEnv* env, jclass, jstring jAppName, jint appID,
-                                                jobject appListener, jobject deviceListener) {
+JNIEXPORT jint JNICALL PELK_NATIVE(registerApp)(JNIEnv* env, jclass, jstring jAppName, jint appID, jobject appListener,
+                                                jobject deviceListener) {
     if (env == nullptr) {
         return kNullArgument;
     }
@@ -1544,8 +1547,8 @@ JNIEXPORT jint JNICALL PELK_NATIVE(refreshInteractionApp)(JNIEnv*, jclass, jbool
     return PELK::Agent::ActionAgent::getInstance()->refreshInteractionApp(flag == JNI_TRUE);
 }
 
-JNIEXPORT jint JNICALL PELK_NATIVE(sendData)(JNIEnv* env, jclass, jbyteArray data, jint length, jstring jip,
-                                             jint appID, jboolean flag, jint timeOut) {
+JNIEXPORT jint JNICALL PELK_NATIVE(sendData)(JNIEnv* env, jclass, jbyteArray data, jint length, jstring jip, jint appID,
+                                             jboolean flag, jint timeOut) {
     if (env == nullptr) {
         return kNullArgument;
     }
@@ -1564,8 +1567,7 @@ JNIEXPORT jint JNICALL PELK_NATIVE(sendUDPData)(JNIEnv* env, jclass, jbyteArray 
     return sendWithListener(env, data, length, jip, appID, flag, listener, &ActionAgentWrapper::sendUDPData, __func__);
 }
 
-JNIEXPORT jint JNICALL PELK_NATIVE(sendUDPDataAll)(JNIEnv* env, jclass, jbyteArray data, jint length,
-                                                   jboolean flag) {
+JNIEXPORT jint JNICALL PELK_NATIVE(sendUDPDataAll)(JNIEnv* env, jclass, jbyteArray data, jint length, jboolean flag) {
     if (env == nullptr) {
         return kNullArgument;
     }
@@ -1742,7 +1744,8 @@ JNIEXPORT jobjectArray JNICALL PELK_NATIVE(searchDMR)(JNIEnv* env, jclass) {
 
 JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getRootFileList)(JNIEnv* env, jclass, jobject jdevice) {
     return contentList(
-        env, jdevice, nullptr, "getRootFileList", "enter function getRootFileList! --> (NULL == jenv) || (NULL == jdevice)",
+        env, jdevice, nullptr, "getRootFileList",
+        "enter function getRootFileList! --> (NULL == jenv) || (NULL == jdevice)",
         [](const DLNADevice& server, const FileInfo&, std::vector<FileInfo>& items) {
             return facade()->getFileList(&server, &items);
         },
@@ -1759,8 +1762,7 @@ JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getFileList)(JNIEnv* env, jclass, job
         __func__);
 }
 
-JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getParentFileList)(JNIEnv* env, jclass, jobject jdevice,
-                                                               jobject jFileInfo) {
+JNIEXPORT jobjectArray JNICALL PELK_NATIVE(getParentFileList)(JNIEnv* env, jclass, jobject jdevice, jobject jFileInfo) {
     return contentList(
         env, jdevice, &jFileInfo, "getParentFileList",
         "enter function getParentFileList! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jFileInfo)",
@@ -1774,8 +1776,9 @@ JNIEXPORT jint JNICALL PELK_NATIVE(getParentDirectoryInfo)(JNIEnv* env, jclass, 
                                                            jobject jParentDirectoryInfo) {
     LOG_INFO("enter function getParentDirectoryInfo!");
     if (env == nullptr || jFileInfo == nullptr || jParentDirectoryInfo == nullptr) {
-        LOG_WARN("enter function getParentDirectoryInfo! --> (NULL == jenv) || (NULL == jFileInfo) || "
-                 "(NULL == jParentDirectoryInfo)");
+        LOG_WARN(
+            "enter function getParentDirectoryInfo! --> (NULL == jenv) || (NULL == jFileInfo) || "
+            "(NULL == jParentDirectoryInfo)");
         return kNullArgument;
     }
     FileInfo item;
@@ -1804,8 +1807,9 @@ JNIEXPORT jint JNICALL PELK_NATIVE(downLoad)(JNIEnv* env, jclass, jobject jdevic
                                              jobject listener) {
     LOG_INFO("enter function downLoad!");
     if (env == nullptr || jdevice == nullptr || jFileListArray == nullptr || listener == nullptr) {
-        LOG_WARN("enter function downLoad! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jFileListArray) || "
-                 "(NULL == jcallback)");
+        LOG_WARN(
+            "enter function downLoad! --> (NULL == jenv) || (NULL == jdevice) || (NULL == jFileListArray) || "
+            "(NULL == jcallback)");
         return kNullArgument;
     }
     DLNADevice device;
@@ -1925,8 +1929,7 @@ JNIEXPORT jint JNICALL PELK_NATIVE(pauseCurPlayingFile)(JNIEnv* env, jclass, job
 }
 
 JNIEXPORT jint JNICALL PELK_NATIVE(resumeCurPlayingFile)(JNIEnv* env, jclass, jobject jdevice) {
-    return deviceOperation(env, jdevice, &ActionAgentWrapper::resumeCurPlayingFile, "resumeCurPlayingFile",
-                           __func__);
+    return deviceOperation(env, jdevice, &ActionAgentWrapper::resumeCurPlayingFile, "resumeCurPlayingFile", __func__);
 }
 
 JNIEXPORT jint JNICALL PELK_NATIVE(enableContentListCache)(JNIEnv* env, jclass, jobject jdevice) {

@@ -6,9 +6,8 @@
 // A process can start only one VM, and the bridge keeps its first listeners for good, so each
 // test needs a process of its own: ctest runs them so; by hand, pick one with --gtest_filter.
 #include <dlfcn.h>
-#include <jni.h>
-
 #include <gtest/gtest.h>
+#include <jni.h>
 
 #include <atomic>
 #include <chrono>
@@ -169,7 +168,12 @@ Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, c
 }
 
 Bytes fileRecord(const std::string& id, const std::string& title) {
-    return Out(0, false).text("uuid:srv", 100).text("0", 100).text(id, 100).text(title, 260).text("video", 260)
+    return Out(0, false)
+        .text("uuid:srv", 100)
+        .text("0", 100)
+        .text(id, 100)
+        .text(title, 260)
+        .text("video", 260)
         .text("http://10.0.0.5/" + id, 1024);
 }
 
@@ -207,7 +211,6 @@ std::string textAt(const Bytes& b, size_t offset, size_t size) {
     const std::string field = fieldAt(b, offset, size);
     return field.substr(0, strnlen(field.c_str(), size));
 }
-
 
 // ---------------------------------------------------------------------------------------------
 // The fixture: the fake service, the VM, and Java values made on the test's thread.
@@ -336,8 +339,8 @@ protected:
     }
     // The recorder's next call, as one line.
     std::string next(jobject recorder) {
-        jobject call = env->CallObjectMethod(recorder, env->GetMethodID(env->GetObjectClass(recorder), "next",
-                                                                        "()Ljava/lang/String;"));
+        jobject call = env->CallObjectMethod(
+            recorder, env->GetMethodID(env->GetObjectClass(recorder), "next", "()Ljava/lang/String;"));
         expectNoException();
         return text(call);
     }
@@ -408,9 +411,9 @@ TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
     EXPECT_EQ(fieldAt(request(1), 268, 1), std::string(1, '\0')) << "no device listener, no device events";
     service.answer(18, body(18, {4}));
     // The length asked for is cut to the array: nothing past its end is read.
-    EXPECT_EQ(callInt("sendData", {bytes("hello"), integer(100), str("10.0.0.2"), integer(12), boolean(true),
-                                   integer(3)}),
-              4);
+    EXPECT_EQ(
+        callInt("sendData", {bytes("hello"), integer(100), str("10.0.0.2"), integer(12), boolean(true), integer(3)}),
+        4);
     const Bytes tcp = request(18);
     EXPECT_EQ(int32At(tcp, 4 + 260), 12);
     EXPECT_EQ(textAt(tcp, 4 + 268, 16), "10.0.0.2");
@@ -426,7 +429,9 @@ TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
     EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("1.2.3.4"), integer(12), boolean(false), nullptr}),
               0);
     const Bytes udp = request(48);
-    EXPECT_EQ(fieldAt(udp, 4 + 268, 16), std::string("1.2.3.4\0" "1\0\0\0\0\0\0\0", 16));
+    EXPECT_EQ(fieldAt(udp, 4 + 268, 16), std::string("1.2.3.4\0"
+                                                     "1\0\0\0\0\0\0\0",
+                                                     16));
     EXPECT_EQ(fieldAt(udp, 308, 1), std::string(1, '\0'));
 
     service.answer(16, body(16, {0}));
@@ -444,8 +449,7 @@ TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
     jobject second = recorder();
     EXPECT_EQ(callInt("asynSendData", {bytes("one"), integer(3), str("10.0.0.2"), integer(12), boolean(false), first}),
               0);
-    EXPECT_EQ(callInt("asynSendData",
-                      {bytes("two"), integer(3), str("10.0.0.2"), integer(12), boolean(false), second}),
+    EXPECT_EQ(callInt("asynSendData", {bytes("two"), integer(3), str("10.0.0.2"), integer(12), boolean(false), second}),
               0);
     EXPECT_EQ(fieldAt(request(53), 309, 1), "\1") << "a status is wanted";
     const Bytes status = Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12));
@@ -455,8 +459,7 @@ TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
     EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
 
     service.answer(48, body(48, {0}));
-    EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("10.0.0.2"), integer(12), boolean(true), second}),
-              0);
+    EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("10.0.0.2"), integer(12), boolean(true), second}), 0);
     service.push(Out(52).i32(6).i32(1).text("10.0.0.2", 16).i32(12).add(sendTag(12)));
     EXPECT_EQ(next(first), "onSendingData data{6,1,12,10.0.0.2}");
     EXPECT_EQ(count(second), 0);
@@ -467,9 +470,9 @@ TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
     jobject single = recorder();
     jobject list = recorder();
     service.answer(13, body(13, {42, 0}));
-    EXPECT_EQ(callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false),
-                                   integer(0)}),
-              42);
+    EXPECT_EQ(
+        callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
+        42);
     const Bytes one = request(13);
     EXPECT_EQ(int32At(one, 4), 1);
     EXPECT_EQ(textAt(one, 8, 260), "/data/a.txt");
@@ -489,9 +492,9 @@ TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
     EXPECT_EQ(count(single), 1);
 
     service.answer(13, body(13, {0, 5}));
-    EXPECT_EQ(callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false),
-                                   integer(0)}),
-              -5);
+    EXPECT_EQ(
+        callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
+        -5);
     EXPECT_EQ(callInt("sendFile", {str("/data/a.txt"), nullptr, single, integer(12), boolean(false), integer(0)}), 0)
         << "an address that cannot be converted";
     EXPECT_TRUE(logged('W', kNative + "sendFile", kNative + "sendFile: jstringToString failure!"));
@@ -607,8 +610,8 @@ TEST_F(BridgeTest, CopiesReportToTheLatestListenerAndReleaseTheOneBefore) {
     probeInt("globalRefs");
     const int refs = probeInt("globalRefs");
     service.answer(39, body(39, {78, 0}));
-    EXPECT_EQ(callInt("upLoad", {server, device("Phone", 0, "uuid:me", "127.0.0.1", true), files, file("9", "Inbox"),
-                                 second}),
+    EXPECT_EQ(callInt("upLoad",
+                      {server, device("Phone", 0, "uuid:me", "127.0.0.1", true), files, file("9", "Inbox"), second}),
               78);
     EXPECT_EQ(probeInt("globalRefs"), refs) << "the first listener's references are released";
     const Bytes up = request(39);
@@ -749,8 +752,8 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) 
     service.answer(40, body(40, {77, 0}));
     ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
     ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}), 42);
-    ASSERT_EQ(callInt("downLoad", {device("NAS", 0, "uuid:nas", "10.0.0.5", false),
-                                   array(kFileInfoClass, {file("1", "a")}), r}),
+    ASSERT_EQ(callInt("downLoad",
+                      {device("NAS", 0, "uuid:nas", "10.0.0.5", false), array(kFileInfoClass, {file("1", "a")}), r}),
               77);
     const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
     const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
@@ -767,8 +770,8 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) 
     const auto round = [&](int times) {
         for (int i = 0; i < times; ++i) {
             ASSERT_EQ(env->PushLocalFrame(16), JNI_OK);
-            ASSERT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r}),
-                      0);
+            ASSERT_EQ(
+                callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r}), 0);
             env->PopLocalFrame(nullptr);
             for (const Bytes& event : events) {
                 ASSERT_TRUE(service.push(event));
