@@ -1295,13 +1295,15 @@ private:
     unsigned int m_size = 0;
 };
 
-// Pins the bytes, converts the address and hands both to send; -1 when the address cannot be
-// converted.
+// Pins the bytes (logging them when asked), converts the address and hands both to send; -1
+// when the address cannot be converted.
 template <class Send>
-jint sendBytes(JNIEnv* env, jbyteArray data, jint length, jstring jip, const char* function, Send send) {
+jint sendBytes(JNIEnv* env, jbyteArray data, jint length, jstring jip, bool logBytes, const char* function, Send send) {
     const PinnedBytes bytes(env, data);
     const unsigned int len = bytes.length(length);
-    bytes.log(function, len);
+    if (logBytes) {
+        bytes.log(function, len);
+    }
     std::string ip;
     if (!jstringToString(env, jip, ip)) {
         BRIDGE_LOG(ZT_LOG_WARNING, function, "%s: jstringToString failure!", function);
@@ -1324,7 +1326,7 @@ jint sendWithListener(JNIEnv* env, jbyteArray data, jint length, jstring jip, ji
         holdListener(env, listener, kSendDataListener, Keep::FirstPair, kConversionFailed, function) != 0) {
         return kConversionFailed;
     }
-    return sendBytes(env, data, length, jip, function, [&](const char* bytes, unsigned int len, const char* ip) {
+    return sendBytes(env, data, length, jip, true, function, [&](const char* bytes, unsigned int len, const char* ip) {
         return (facade()->*send)(bytes, len, ip, appID, flag == JNI_TRUE, listener != nullptr ? OnDataSend : nullptr,
                                  nullptr);
     });
@@ -1552,7 +1554,7 @@ JNIEXPORT jint JNICALL PELK_NATIVE(sendData)(JNIEnv* env, jclass, jbyteArray dat
     if (env == nullptr) {
         return kNullArgument;
     }
-    return sendBytes(env, data, length, jip, __func__, [&](const char* bytes, unsigned int len, const char* ip) {
+    return sendBytes(env, data, length, jip, true, __func__, [&](const char* bytes, unsigned int len, const char* ip) {
         return facade()->sendData(bytes, len, ip, appID, flag == JNI_TRUE, timeOut);
     });
 }
@@ -1582,7 +1584,7 @@ JNIEXPORT jint JNICALL PELK_NATIVE(broadcast)(JNIEnv* env, jclass, jbyteArray da
     if (env == nullptr) {
         return kNullArgument;
     }
-    return sendBytes(env, data, length, jip, __func__, [&](const char* bytes, unsigned int len, const char* ip) {
+    return sendBytes(env, data, length, jip, false, __func__, [&](const char* bytes, unsigned int len, const char* ip) {
         return facade()->broadcast(bytes, len, ip, flag == JNI_TRUE);
     });
 }

@@ -180,7 +180,7 @@ Bytes fileRecord(const std::string& id, const std::string& title) {
 // The head of the file events 14, 19 and 41.
 Out fileEventHead(int32_t action, int32_t taskID, const std::string& name) {
     Out out(action);
-    out.i32(0).i64(300).i64(1000).i64(5000).i32(2).i32(taskID).i32(1).i32(3).text(name, 260);
+    out.i32(0).i64(5000000001).i64(5000000002).i64(5000000003).i32(2).i32(taskID).i32(1).i32(3).text(name, 260);
     return out;
 }
 
@@ -387,6 +387,7 @@ TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
     EXPECT_EQ(textAt(reg, 8, 260), "demo");
     EXPECT_EQ(fieldAt(reg, 268, 2), "\1\1") << "device and app events wanted";
     EXPECT_TRUE(logged('D', "registerApp", "ActionAgentWrapper::registerApp() ------ Registe app:7 successful."));
+    EXPECT_EQ(describe(call("getInteractionAppList", {})), "[]") << "no app known yet: an empty array";
 
     service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "aa:bb:cc:dd:ee:ff", true)));
     EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true} 1");
@@ -486,9 +487,9 @@ TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
     EXPECT_EQ(textAt(request(51), 8 + 260, 260), "/data/b");
 
     service.push(fileEventHead(14, 42, "a.txt").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
-    EXPECT_EQ(next(single), "onSendingFile fileEvent{300,1000,5000,42,1,3,2,a.txt,10.0.0.2,12}");
+    EXPECT_EQ(next(single), "onSendingFile fileEvent{5000000001,5000000002,5000000003,42,1,3,2,a.txt,10.0.0.2,12}");
     service.push(fileEventHead(14, 43, "b").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
-    EXPECT_EQ(next(list), "onSendingFile fileEvent{300,1000,5000,43,1,3,2,b,10.0.0.2,12}");
+    EXPECT_EQ(next(list), "onSendingFile fileEvent{5000000001,5000000002,5000000003,43,1,3,2,b,10.0.0.2,12}");
     EXPECT_EQ(count(single), 1);
 
     service.answer(13, body(13, {0, 5}));
@@ -530,7 +531,7 @@ TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
     service.push(Out(20).i32(1).i32(6).add(peer).i32(0));
     EXPECT_EQ(next(in), "onReceivingData 6 \"\" 0 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
     service.push(fileEventHead(19, 8, "in.bin").add(sendTag(12)).add(peer));
-    EXPECT_EQ(next(in), "onReceivingFile fileEvent{300,1000,5000,8,1,3,2,in.bin,10.0.0.9,12}");
+    EXPECT_EQ(next(in), "onReceivingFile fileEvent{5000000001,5000000002,5000000003,8,1,3,2,in.bin,10.0.0.9,12}");
 
     const char* optionClass = "com/quorvik/kolt/pelk/agent/ReceiveOption";
     jobject target = make(optionClass, "()V");
@@ -619,7 +620,7 @@ TEST_F(BridgeTest, CopiesReportToTheLatestListenerAndReleaseTheOneBefore) {
     EXPECT_EQ(textAt(up, 1232 + 2 * 1844 + 200, 100), "9");
 
     service.push(fileEventHead(41, 77, "a").add(sendTag(0)).add(deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false)));
-    EXPECT_EQ(next(second), "onDLNAFileCopy fileEvent{300,1000,5000,77,1,3,2,a,10.0.0.5,0}");
+    EXPECT_EQ(next(second), "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,77,1,3,2,a,10.0.0.5,0}");
     EXPECT_EQ(count(first), 0);
 }
 
