@@ -1,12 +1,15 @@
 #include "TransferClient.h"
 
 #include "ActionManager/Struct.h"
+#include "CommonLib/OSAL.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <atomic>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -66,6 +69,20 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<Bytes> m_frames;
+};
+
+// Runs a test's code inside the action callback, then records the frame it was given.
+struct InsideCallback {
+    std::function<void(char* frame)> action;
+    EventRecorder* recorder;
+
+    static void onAction(char* frame, void* user) {
+        InsideCallback* self = static_cast<InsideCallback*>(user);
+        if (self->action) {
+            self->action(frame);
+        }
+        EventRecorder::onAction(frame, self->recorder);
+    }
 };
 
 class TransferClientTest : public ::testing::Test {
@@ -313,6 +330,110 @@ TEST_F(TransferClientTest, DestroyWhileTheReceiverWaitsForACallbackThatNeverCome
     Clock::time_point start = Clock::now();
     client.reset();
     EXPECT_LT(secondsSince(start), 2.0);
+}
+
+// Calls from inside the callback: each would wait for the calling thread itself if it were
+// made as from any other thread.
+TEST_F(TransferClientTest, ACallbackReplacesOrClearsItselfFromTheNextFrameOn) {
+    EventRecorder replacement;
+    InsideCallback first{nullptr, &events};
+    first.action = [&](char*) { client->setActionCallBack(EventRecorder::onAction, &replacement); };
+    ASSERT_TRUE(client->startTransfer());
+    client->setActionCallBack(InsideCallback::onAction, &first);
+    ASSERT_TRUE(service->push(body(20, {1})));
+    ASSERT_TRUE(service->push(body(20, {2})));
+    ASSERT_TRUE(replacement.waitFor(1));
+    EXPECT_EQ((std::vector<int32_t>{20}), events.ids());
+
+    EventRecorder cleared;
+    InsideCallback clearing{[&](char*) { client->setActionCallBack(nullptr, nullptr); }, &cleared};
+    client->setActionCallBack(InsideCallback::onAction, &clearing);
+    ASSERT_TRUE(service->push(body(20, {3})));
+    ASSERT_TRUE(service->push(body(20, {4})));
+    ASSERT_TRUE(cleared.waitFor(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(1u, cleared.frames().size());
+    client->setActionCallBack(EventRecorder::onAction, &replacement);  // the frame that waited
+    ASSERT_TRUE(replacement.waitFor(2));
+    EXPECT_EQ(4, replacement.frames()[1][8]);
+    client.reset();  // before the callbacks' objects go
+}
+
+TEST_F(TransferClientTest, AStopFromInsideACallbackReturnsAndNoFrameOfThatConnectionFollows) {
+    std::atomic<double> stopSeconds{-1};
+    InsideCallback stopping{nullptr, &events};
+    stopping.action = [&](char* frame) {
+        if (frame != nullptr && frame[8] == 1) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the later events are queued
+            const Clock::time_point start = Clock::now();
+            client->stopTransfer();
+            stopSeconds = secondsSince(start);
+        }
+    };
+    ASSERT_TRUE(client->startTransfer());
+    client->setActionCallBack(InsideCallback::onAction, &stopping);
+    ASSERT_TRUE(service->push(body(20, {1})));
+    ASSERT_TRUE(service->push(body(20, {2})));
+    ASSERT_TRUE(service->push(body(20, {3})));
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_LT(stopSeconds.load(), 1.0);
+    EXPECT_GE(stopSeconds.load(), 0.0);
+    EXPECT_TRUE(service->waitForClientClose());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ((std::vector<int32_t>{20, 0}), events.ids());  // the null frame last, once
+    EXPECT_FALSE(client->isTransferStarted());
+}
+
+TEST_F(TransferClientTest, AStopStartAndCallFromInsideACallbackRunOnTheNewLink) {
+    service->answer(44, body(44, {7}));
+    std::atomic<int> restarted{-1};
+    std::atomic<int> called{-1};
+    Bytes reply;
+    InsideCallback restarting{nullptr, &events};
+    restarting.action = [&](char* frame) {
+        if (frame != nullptr && restarted < 0) {
+            client->stopTransfer();
+            restarted = client->startTransfer() ? 1 : 0;
+            called = call(body(44), 5, &reply);
+        }
+    };
+    ASSERT_TRUE(client->startTransfer());
+    client->setActionCallBack(InsideCallback::onAction, &restarting);
+    ASSERT_TRUE(service->push(body(20, {1})));
+    ASSERT_TRUE(events.waitFor(1));
+    EXPECT_EQ(1, restarted.load());
+    EXPECT_EQ(0, called.load());
+    EXPECT_EQ(body(44, {7}), reply);
+    EXPECT_EQ(2, service->connections());
+
+    ASSERT_TRUE(service->push(body(20, {2})));  // on the new connection
+    ASSERT_TRUE(events.waitFor(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ((std::vector<int32_t>{20, 20}), events.ids());  // the replaced link ended silently
+    EXPECT_TRUE(client->isTransferStarted());
+    client.reset();  // before the callback's object goes
+}
+
+TEST_F(TransferClientTest, AStopFromAnotherThreadWaitsForTheRunningCallback) {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> finished{false};
+    InsideCallback slow{nullptr, &events};
+    slow.action = [&](char* frame) {
+        if (frame != nullptr) {
+            entered = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            finished = true;
+        }
+    };
+    startWithCallback();
+    client->setActionCallBack(InsideCallback::onAction, &slow);
+    ASSERT_TRUE(service->push(body(20, {1})));
+    while (!entered) {
+        std::this_thread::yield();
+    }
+    client->stopTransfer();
+    EXPECT_TRUE(finished.load());
+    EXPECT_EQ((std::vector<int32_t>{20, 0}), events.ids());
 }
 
 }  // namespace

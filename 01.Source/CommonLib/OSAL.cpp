@@ -245,6 +245,10 @@ int OSAbstractLayer::osal_detach_current_thread() {
     return pthread_detach(pthread_self()) == 0 ? 0 : 1;
 }
 
+long OSAbstractLayer::osal_current_thread_id() {
+    return static_cast<long>(pthread_self());
+}
+
 void OSAbstractLayer::osal_sleep_ms(int ms) {
     if (ms <= 0) {
         return;
@@ -297,6 +301,51 @@ int OSAbstractLayer::osal_unlock_mutex(pthread_mutex_t* mutex) {
         return 1;
     }
     return 0;
+}
+
+int OSAbstractLayer::osal_trylock_mutex(pthread_mutex_t* mutex) {
+    return mutex != nullptr && pthread_mutex_trylock(mutex) == 0 ? 0 : 1;
+}
+
+int OSAbstractLayer::osal_init_condition(pthread_cond_t* cond) {
+    pthread_condattr_t attributes;
+    if (cond == nullptr || pthread_condattr_init(&attributes) != 0) {
+        return 1;
+    }
+    int result = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    if (result == 0) {
+        result = pthread_cond_init(cond, &attributes);
+    }
+    pthread_condattr_destroy(&attributes);
+    return result == 0 ? 0 : 1;
+}
+
+int OSAbstractLayer::osal_destroy_condition(pthread_cond_t* cond) {
+    return cond != nullptr && pthread_cond_destroy(cond) == 0 ? 0 : 1;
+}
+
+int OSAbstractLayer::osal_wait_condition(pthread_cond_t* cond, pthread_mutex_t* mutex, int ms) {
+    if (ms < 0) {
+        pthread_cond_wait(cond, mutex);
+        return 0;
+    }
+    struct timespec deadline = {};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += ms / 1000;
+    deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= kNanosPerSecond) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= kNanosPerSecond;
+    }
+    return pthread_cond_timedwait(cond, mutex, &deadline) == ETIMEDOUT ? 2 : 0;
+}
+
+void OSAbstractLayer::osal_signal_condition(pthread_cond_t* cond) {
+    pthread_cond_signal(cond);
+}
+
+void OSAbstractLayer::osal_broadcast_condition(pthread_cond_t* cond) {
+    pthread_cond_broadcast(cond);
 }
 
 int OSAbstractLayer::osal_init_cond(sem_t* sem) {
@@ -602,6 +651,10 @@ int OSAbstractLayer::osal_connect(long sock, const char* host, int port) {
 
 int OSAbstractLayer::osal_close_socket(long sock) {
     return isInvalidSocket(sock) ? 1 : (close(static_cast<int>(sock)) == 0 ? 0 : 1);
+}
+
+int OSAbstractLayer::osal_shutdown_socket(long sock) {
+    return isInvalidSocket(sock) ? 1 : (shutdown(static_cast<int>(sock), SHUT_RDWR) == 0 ? 0 : 1);
 }
 
 int OSAbstractLayer::osal_peek(long sock, char* buffer, int length) {

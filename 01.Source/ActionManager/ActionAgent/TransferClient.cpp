@@ -4,16 +4,19 @@
 
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "ActionManager/Struct.h"
 #include "ActionManager/WireFormat.h"
 #include "CommonLib/OSAL.h"
+#include "CommonLib/Queue.h"
 #include "CommonLib/ZTLogger.h"
 
 namespace PELK {
 namespace Agent {
 
+using Common::MutexGuard;
 using Common::OSAbstractLayer;
 
 namespace {
@@ -48,34 +51,186 @@ uint32_t getLittleEndian32(const char* at) {
     return Wire::DecodeFixed32(reinterpret_cast<const unsigned char*>(at));
 }
 
-// Waits until the thread that holds a lifetime mutex has released it for good.
-void waitForLifetimeMutex(pthread_mutex_t* mutex) {
-    OSAbstractLayer::osal_lock_mutex(mutex);
-    OSAbstractLayer::osal_unlock_mutex(mutex);
+unsigned int freeQueued(Common::Queue<char*>& queue) {
+    unsigned int freed = 0;
+    char* frame = nullptr;
+    while (queue.pop(&frame)) {
+        delete[] frame;
+        ++freed;
+    }
+    return freed;
 }
 
-// Starts fn(owner) and returns once the new thread holds its lifetime mutex, so that a stop
-// made right after the start waits for the thread instead of missing it.
-bool startOwnedThread(unsigned int (*fn)(void*), void* owner, sem_t* starting) {
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// LinkRun
+
+// Shared by the client and the run's threads; the last reference given back frees it, with its
+// socket and every frame it still holds. Nothing here touches the client, so a run may outlive it.
+struct LinkRun {
+    LinkRun(SocketClient* owner, long sock);
+    ~LinkRun();
+    LinkRun(const LinkRun&) = delete;
+    LinkRun& operator=(const LinkRun&) = delete;
+
+    void retain() { m_nRefs.fetch_add(1, std::memory_order_relaxed); }
+    static void release(LinkRun* run);
+
+    // Ends the run's delivery: nothing more is handed out, and every wait of the run returns.
+    void stop();
+    // Wakes whoever waits on the run: a stop, a loss, a reply, a thread's end.
+    void broadcast();
+    // Waits up to ms for broadcast().
+    void waitForChange(int ms);
+    // Waits ms unless the run is stopped first.
+    void sleepUnlessStopped(int ms);
+    // The callback thread sleeps until there may be a frame to hand out, or up to ms.
+    void signalWork();
+    void waitForWork(int ms);
+    // Each of the run's threads says when it is done with the run's socket and queues.
+    void setThreadDone(bool LinkRun::*flag, bool done);
+    void waitForThreadDone(bool LinkRun::*flag);
+
+    SocketClient* const m_pOwner;
+    const long m_nSock;
+    uint64_t m_nGeneration;  // set once, under the client's run mutex, before any thread starts
+    std::atomic<int> m_nRefs;
+    std::atomic<bool> m_fSocketOpen;  // until closeSocket shuts the connection down
+    std::atomic<bool> m_fReceiving;   // the receiver thread is meant to run
+    std::atomic<bool> m_fActive;      // frames are handed out: until a stop or the receiver's end
+    std::atomic<bool> m_fStopped;     // stopped on purpose, not lost
+    Common::Queue<char*> m_actionCallBackQueue;
+    Common::Queue<char*> m_responseQueue;
+
+    pthread_mutex_t m_stateMutex;
+    pthread_cond_t m_changed;
+    pthread_cond_t m_workArrived;
+    bool m_fWorkPending;       // guarded by m_stateMutex, as are the three below
+    bool m_fCallBackWaiting;
+    bool m_fReceiverDone;
+    bool m_fCallBackDone;
+};
+
+LinkRun::LinkRun(SocketClient* owner, long sock)
+    : m_pOwner(owner),
+      m_nSock(sock),
+      m_nGeneration(0),
+      m_nRefs(1),
+      m_fSocketOpen(true),
+      m_fReceiving(false),
+      m_fActive(true),
+      m_fStopped(false),
+      m_actionCallBackQueue(kQueueCapacity),
+      m_responseQueue(kQueueCapacity),
+      m_fWorkPending(false),
+      m_fCallBackWaiting(false),
+      m_fReceiverDone(true),
+      m_fCallBackDone(true) {
+    OSAbstractLayer::osal_init_mutex(&m_stateMutex);
+    OSAbstractLayer::osal_init_condition(&m_changed);
+    OSAbstractLayer::osal_init_condition(&m_workArrived);
+}
+
+LinkRun::~LinkRun() {
+    const unsigned int dropped = freeQueued(m_actionCallBackQueue) + freeQueued(m_responseQueue);
+    if (dropped > 0) {
+        ZT_LOG(Common::ZT_LOG_INFO, "Dropped %u frames of connection %d, which has ended", dropped,
+               static_cast<int>(m_nSock));
+    }
+    OSAbstractLayer::osal_close_socket(m_nSock);
+    OSAbstractLayer::osal_destroy_condition(&m_workArrived);
+    OSAbstractLayer::osal_destroy_condition(&m_changed);
+    OSAbstractLayer::osal_destroy_mutex(&m_stateMutex);
+}
+
+void LinkRun::release(LinkRun* run) {
+    if (run != nullptr && run->m_nRefs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete run;
+    }
+}
+
+void LinkRun::stop() {
+    m_fStopped = true;
+    m_fActive = false;
+    broadcast();
+    signalWork();
+}
+
+void LinkRun::broadcast() {
+    MutexGuard guard(&m_stateMutex);
+    OSAbstractLayer::osal_broadcast_condition(&m_changed);
+}
+
+void LinkRun::waitForChange(int ms) {
+    MutexGuard guard(&m_stateMutex);
+    OSAbstractLayer::osal_wait_condition(&m_changed, &m_stateMutex, ms);
+}
+
+void LinkRun::sleepUnlessStopped(int ms) {
+    const int64_t end = OSAbstractLayer::osal_monotonic_ms() + ms;
+    for (int64_t now = OSAbstractLayer::osal_monotonic_ms(); now < end && !m_fStopped;
+         now = OSAbstractLayer::osal_monotonic_ms()) {
+        waitForChange(static_cast<int>(end - now));
+    }
+}
+
+void LinkRun::signalWork() {
+    MutexGuard guard(&m_stateMutex);
+    m_fWorkPending = true;
+    if (m_fCallBackWaiting) {
+        OSAbstractLayer::osal_signal_condition(&m_workArrived);
+    }
+}
+
+void LinkRun::waitForWork(int ms) {
+    MutexGuard guard(&m_stateMutex);
+    if (!m_fWorkPending && m_fActive) {
+        m_fCallBackWaiting = true;
+        OSAbstractLayer::osal_wait_condition(&m_workArrived, &m_stateMutex, ms);
+        m_fCallBackWaiting = false;
+    }
+    m_fWorkPending = false;
+}
+
+void LinkRun::setThreadDone(bool LinkRun::*flag, bool done) {
+    MutexGuard guard(&m_stateMutex);
+    this->*flag = done;
+    OSAbstractLayer::osal_broadcast_condition(&m_changed);
+}
+
+void LinkRun::waitForThreadDone(bool LinkRun::*flag) {
+    MutexGuard guard(&m_stateMutex);
+    while (!(this->*flag)) {
+        OSAbstractLayer::osal_wait_condition(&m_changed, &m_stateMutex, -1);
+    }
+}
+
+namespace {
+
+// A counted reference to a run for one scope.
+class RunRef {
+public:
+    explicit RunRef(LinkRun* run) : m_pRun(run) {}
+    ~RunRef() { LinkRun::release(m_pRun); }
+    RunRef(const RunRef&) = delete;
+    RunRef& operator=(const RunRef&) = delete;
+    LinkRun* get() const { return m_pRun; }
+    LinkRun* operator->() const { return m_pRun; }
+
+private:
+    LinkRun* m_pRun;
+};
+
+// Starts fn(run) on a new thread that holds its own reference to the run.
+bool startRunThread(unsigned int (*fn)(void*), LinkRun* run) {
+    run->retain();
     long thread = 0;
-    if (OSAbstractLayer::osal_create_thread(&thread, fn, owner) != 0) {
+    if (OSAbstractLayer::osal_create_thread(&thread, fn, run) != 0) {
+        LinkRun::release(run);
         return false;
     }
-    OSAbstractLayer::osal_lock_cond(starting, -1);
     return true;
-}
-
-// The first steps of an owned thread: detach, take the lifetime mutex, let the starter go on.
-// On failure the thread's run flag is cleared and the thread must end at once.
-bool enterOwnedThread(pthread_mutex_t* lifetime, sem_t* starting, std::atomic<bool>& runFlag) {
-    OSAbstractLayer::osal_detach_current_thread();
-    const bool locked = OSAbstractLayer::osal_lock_mutex(lifetime) == 0;
-    if (!locked) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
-        runFlag = false;
-    }
-    OSAbstractLayer::osal_unlock_cond(starting);
-    return locked;
 }
 
 }  // namespace
@@ -109,23 +264,32 @@ char* build(const char* message, uint32_t length) {
 
 const char* const SocketClient::kServiceAddress = "127.0.0.1";
 
-SocketClient::SocketClient() : m_nSockID(OSAL_INVALID_SOCKET), m_fReceiverStarted(false) {
+SocketClient::SocketClient()
+    : m_nSockID(OSAL_INVALID_SOCKET), m_fReceiverStarted(false), m_pRun(nullptr), m_nLatestRun(0),
+      m_nLiveThreads(0) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "osal_init_network() called.");
     OSAbstractLayer::osal_init_mutex(&m_clientSockMutex);
-    OSAbstractLayer::osal_init_mutex(&m_receiverThreadMutex);
-    OSAbstractLayer::osal_init_cond(&m_receiverStarting);
+    OSAbstractLayer::osal_init_mutex(&m_runMutex);
+    OSAbstractLayer::osal_init_mutex(&m_threadsMutex);
+    OSAbstractLayer::osal_init_condition(&m_threadsEnded);
 }
 
 SocketClient::~SocketClient() {
-    if (m_fReceiverStarted) {
-        stopReceiver();
+    LinkRun* run = detachRun();
+    if (run != nullptr) {
+        run->stop();
+        if (run->m_fReceiving) {
+            stopReceiverOf(run);
+        }
+        if (run->m_fSocketOpen) {
+            closeSocketOf(run);
+        }
+        LinkRun::release(run);
     }
-    waitForReceiverExit();
-    if (m_nSockID != OSAL_INVALID_SOCKET) {
-        closeSocket();
-    }
-    OSAbstractLayer::osal_destroy_cond(&m_receiverStarting);
-    OSAbstractLayer::osal_destroy_mutex(&m_receiverThreadMutex);
+    waitForThreads();
+    OSAbstractLayer::osal_destroy_condition(&m_threadsEnded);
+    OSAbstractLayer::osal_destroy_mutex(&m_threadsMutex);
+    OSAbstractLayer::osal_destroy_mutex(&m_runMutex);
     OSAbstractLayer::osal_destroy_mutex(&m_clientSockMutex);
     ZT_LOG(Common::ZT_LOG_DEBUG, "osal_destroy_network called.");
 }
@@ -140,20 +304,33 @@ bool SocketClient::createSocket() {
         ZT_LOG(Common::ZT_LOG_ERROR, "Failed to retrive socket.");
         return false;
     }
-    OSAbstractLayer::osal_lock_mutex(&m_clientSockMutex);
-    m_nSockID = sock;
-    OSAbstractLayer::osal_unlock_mutex(&m_clientSockMutex);
+    LinkRun* run = new (std::nothrow) LinkRun(this, sock);
+    if (run == nullptr) {
+        OSAbstractLayer::osal_close_socket(sock);
+        ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
+        return false;
+    }
+    LinkRun* replaced = nullptr;
+    {
+        MutexGuard guard(&m_runMutex);
+        replaced = m_pRun;
+        m_pRun = run;
+        run->m_nGeneration = ++m_nLatestRun;
+        m_nSockID = sock;
+        m_fReceiverStarted = false;
+    }
+    LinkRun::release(replaced);
     ZT_LOG(Common::ZT_LOG_DEBUG, "socket:%d created", static_cast<int>(sock));
     return true;
 }
 
 bool SocketClient::connectToServer() {
-    long sock = m_nSockID;
-    if (sock == OSAL_INVALID_SOCKET) {
+    RunRef run(acquireRun());
+    if (run.get() == nullptr || !run->m_fSocketOpen) {
         ZT_LOG(Common::ZT_LOG_WARNING, "socket is closed.");
         return false;
     }
-    if (OSAbstractLayer::osal_connect(sock, kServiceAddress, kServicePort) != 0) {
+    if (OSAbstractLayer::osal_connect(run->m_nSock, kServiceAddress, kServicePort) != 0) {
         ZT_LOG(Common::ZT_LOG_ERROR, "Failed to connect to port :[%d], error=%d\n", kServicePort, errno);
         return false;
     }
@@ -162,19 +339,23 @@ bool SocketClient::connectToServer() {
 }
 
 bool SocketClient::closeSocket() {
-    // Under the socket mutex, so that no send or frame read is using the descriptor while it
-    // is closed (and perhaps reused by another open in the process).
-    OSAbstractLayer::osal_lock_mutex(&m_clientSockMutex);
-    long sock = m_nSockID.exchange(OSAL_INVALID_SOCKET);
-    if (sock != OSAL_INVALID_SOCKET) {
-        OSAbstractLayer::osal_close_socket(sock);
-    }
-    OSAbstractLayer::osal_unlock_mutex(&m_clientSockMutex);
-    if (sock == OSAL_INVALID_SOCKET) {
+    RunRef run(acquireRun());
+    return closeSocketOf(run.get());
+}
+
+bool SocketClient::closeSocketOf(LinkRun* run) {
+    if (run == nullptr || !run->m_fSocketOpen.exchange(false)) {
         ZT_LOG(Common::ZT_LOG_WARNING, "SocketClient is already closed.");
         return false;
     }
-    ZT_LOG(Common::ZT_LOG_DEBUG, "socket %d closed", static_cast<int>(sock));
+    OSAbstractLayer::osal_shutdown_socket(run->m_nSock);
+    {
+        MutexGuard guard(&m_runMutex);
+        if (m_pRun == run) {
+            m_nSockID = OSAL_INVALID_SOCKET;
+        }
+    }
+    ZT_LOG(Common::ZT_LOG_DEBUG, "socket %d closed", static_cast<int>(run->m_nSock));
     return true;
 }
 
@@ -183,14 +364,19 @@ bool SocketClient::startReceiver() {
         ZT_LOG(Common::ZT_LOG_WARNING, "Receiver is already started.");
         return false;
     }
-    // A receiver of an earlier run may still be closing its socket.
-    waitForReceiverExit();
-    if (m_nSockID == OSAL_INVALID_SOCKET) {
+    RunRef run(acquireRun());
+    if (run.get() == nullptr || !run->m_fSocketOpen) {
         ZT_LOG(Common::ZT_LOG_WARNING, "socket is closed.");
         return false;
     }
     m_fReceiverStarted = true;
-    if (!startOwnedThread(thread_dataReceiver, this, &m_receiverStarting)) {
+    run->m_fReceiving = true;
+    run->setThreadDone(&LinkRun::m_fReceiverDone, false);
+    threadStarting();
+    if (!startRunThread(thread_dataReceiver, run.get())) {
+        threadEnded();
+        run->setThreadDone(&LinkRun::m_fReceiverDone, true);
+        run->m_fReceiving = false;
         m_fReceiverStarted = false;
         ZT_LOG(Common::ZT_LOG_ERROR, "Fail to create thread!");
         return false;
@@ -200,20 +386,27 @@ bool SocketClient::startReceiver() {
 }
 
 bool SocketClient::stopReceiver() {
+    RunRef run(acquireRun());
+    return stopReceiverOf(run.get());
+}
+
+bool SocketClient::stopReceiverOf(LinkRun* run) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "stopping socket client receiver...");
-    if (!m_fReceiverStarted.exchange(false)) {
+    if (run == nullptr || !run->m_fReceiving.exchange(false)) {
         ZT_LOG(Common::ZT_LOG_WARNING, "Receiver is already stoppted.");
         return false;
     }
+    {
+        MutexGuard guard(&m_runMutex);
+        if (m_pRun == run) {
+            m_fReceiverStarted = false;
+        }
+    }
+    // Interrupts a wait or a read in progress; the receiver closes the socket as it ends.
+    OSAbstractLayer::osal_shutdown_socket(run->m_nSock);
+    run->broadcast();
     ZT_LOG(Common::ZT_LOG_DEBUG, "waiting for receiver thread...");
-    if (OSAbstractLayer::osal_lock_mutex(&m_receiverThreadMutex) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
-        return false;
-    }
-    if (OSAbstractLayer::osal_unlock_mutex(&m_receiverThreadMutex) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot unlock mutex!");
-        return false;
-    }
+    run->waitForThreadDone(&LinkRun::m_fReceiverDone);
     ZT_LOG(Common::ZT_LOG_DEBUG, "SocketClient stopped.");
     return true;
 }
@@ -235,49 +428,110 @@ bool SocketClient::unlockSocket() {
 }
 
 bool SocketClient::onDataReceived() {
-    return false;
+    RunRef run(acquireRun());
+    if (run.get() == nullptr || !lockSocket()) {
+        return false;
+    }
+    const bool keepGoing = receiveFrames(run.get());
+    unlockSocket();
+    return keepGoing;
 }
 
 bool SocketClient::onReceiverStopped() {
-    return false;
+    RunRef run(acquireRun());
+    return run.get() != nullptr && receiverEnded(run.get());
 }
 
 bool SocketClient::onNetException() {
+    RunRef run(acquireRun());
+    return run.get() != nullptr && reportLoss(run.get());
+}
+
+bool SocketClient::receiveFrames(LinkRun*) {
     return false;
 }
 
-void SocketClient::waitForReceiverExit() {
-    waitForLifetimeMutex(&m_receiverThreadMutex);
+bool SocketClient::receiverEnded(LinkRun*) {
+    return false;
+}
+
+bool SocketClient::reportLoss(LinkRun*) {
+    return false;
+}
+
+LinkRun* SocketClient::acquireRun() {
+    MutexGuard guard(&m_runMutex);
+    if (m_pRun != nullptr) {
+        m_pRun->retain();
+    }
+    return m_pRun;
+}
+
+LinkRun* SocketClient::detachRun() {
+    MutexGuard guard(&m_runMutex);
+    LinkRun* run = m_pRun;
+    m_pRun = nullptr;
+    m_nSockID = OSAL_INVALID_SOCKET;
+    m_fReceiverStarted = false;
+    return run;
+}
+
+bool SocketClient::isLatestRun(const LinkRun* run) {
+    MutexGuard guard(&m_runMutex);
+    return run->m_nGeneration == m_nLatestRun;
+}
+
+bool SocketClient::clearIfCurrent(const LinkRun* run, std::atomic<bool>& flag) {
+    MutexGuard guard(&m_runMutex);
+    return m_pRun == run && flag.exchange(false);
+}
+
+void SocketClient::threadStarting() {
+    MutexGuard guard(&m_threadsMutex);
+    ++m_nLiveThreads;
+}
+
+void SocketClient::threadEnded() {
+    MutexGuard guard(&m_threadsMutex);
+    --m_nLiveThreads;
+    OSAbstractLayer::osal_broadcast_condition(&m_threadsEnded);
+}
+
+void SocketClient::waitForThreads() {
+    MutexGuard guard(&m_threadsMutex);
+    while (m_nLiveThreads > 0) {
+        OSAbstractLayer::osal_wait_condition(&m_threadsEnded, &m_threadsMutex, -1);
+    }
 }
 
 unsigned int SocketClient::thread_dataReceiver(void* arg) {
-    SocketClient* pThis = static_cast<SocketClient*>(arg);
-    if (!enterOwnedThread(&pThis->m_receiverThreadMutex, &pThis->m_receiverStarting, pThis->m_fReceiverStarted)) {
-        return 0;
-    }
+    LinkRun* run = static_cast<LinkRun*>(arg);
+    SocketClient* pThis = run->m_pOwner;
+    OSAbstractLayer::osal_detach_current_thread();
 
     size_t backOff = 0;
-    while (pThis->m_fReceiverStarted) {
+    while (run->m_fReceiving) {
         if (!pThis->lockSocket()) {
             ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock socket!");
             break;
         }
-        const long sock = pThis->m_nSockID;
-        int ready = OSAbstractLayer::osal_socketReadable(sock, 0, 0);
+        int ready = OSAbstractLayer::osal_socketReadable(run->m_nSock, 0, 0);
         const int error = errno;
         pThis->unlockSocket();
         if (ready < 0) {
-            ZT_LOG(Common::ZT_LOG_ERROR, "select fail! socket=%d, error=%d", static_cast<int>(sock), error);
+            ZT_LOG(Common::ZT_LOG_ERROR, "select fail! socket=%d, error=%d", static_cast<int>(run->m_nSock), error);
             break;
         }
         if (ready == 0) {
             // Waits as long as the back-off says, but wakes as soon as data arrives. The socket
             // mutex stays free meanwhile; whatever the wait saw is checked again under it.
-            OSAbstractLayer::osal_socketReadable(sock, 0, nextBackOff(backOff) * 1000);
+            OSAbstractLayer::osal_socketReadable(run->m_nSock, 0, nextBackOff(backOff) * 1000);
             continue;
         }
         ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
-        bool keepGoing = pThis->onDataReceived();
+        pThis->lockSocket();
+        const bool keepGoing = pThis->receiveFrames(run);
+        pThis->unlockSocket();
         ZT_LOG(Common::ZT_LOG_DEBUG, "after onDataReceived");
         if (!keepGoing) {
             break;
@@ -285,19 +539,22 @@ unsigned int SocketClient::thread_dataReceiver(void* arg) {
         backOff = 0;
     }
 
-    const bool lost = pThis->m_fReceiverStarted;
+    const bool lost = run->m_fReceiving;
     ZT_LOG(Common::ZT_LOG_DEBUG, "After dataReceiver loop, pThis->m_fReceiverStarted=%d", lost ? 1 : 0);
     if (lost) {
-        pThis->onNetException();
+        pThis->reportLoss(run);
     }
     ZT_LOG(Common::ZT_LOG_INFO, "SocketClient: Receiver thread fininsed.");
-    pThis->m_fReceiverStarted = false;
-    pThis->onReceiverStopped();
-    if (pThis->m_nSockID != OSAL_INVALID_SOCKET) {
-        pThis->closeSocket();
+    run->m_fReceiving = false;
+    pThis->clearIfCurrent(run, pThis->m_fReceiverStarted);
+    pThis->receiverEnded(run);
+    if (run->m_fSocketOpen) {
+        pThis->closeSocketOf(run);
     }
-    // The last touch of the object: whoever waits on this mutex may destroy it.
-    OSAbstractLayer::osal_unlock_mutex(&pThis->m_receiverThreadMutex);
+    run->setThreadDone(&LinkRun::m_fReceiverDone, true);
+    // The last touch of the client: from here on it may be destroyed.
+    pThis->threadEnded();
+    LinkRun::release(run);
     return 0;
 }
 
@@ -305,17 +562,9 @@ unsigned int SocketClient::thread_dataReceiver(void* arg) {
 // TransferClient
 
 TransferClient::TransferClient()
-    : m_fTransferStarted(false),
-      m_actionCallBackQueue(kQueueCapacity),
-      m_responseQueue(kQueueCapacity),
-      m_fnActionReceived(nullptr),
-      m_pUserData(nullptr),
-      m_nActionEvent(OSAbstractLayer::osal_create_event()),
-      m_nResponseEvent(OSAbstractLayer::osal_create_event()) {
-    OSAbstractLayer::osal_init_mutex(&m_actionCallBackThreadMutex);
+    : m_fTransferStarted(false), m_fnActionReceived(nullptr), m_pUserData(nullptr), m_nCallBackRunner(0) {
     OSAbstractLayer::osal_init_mutex(&m_mutexActionCallBackFunction);
     OSAbstractLayer::osal_init_mutex(&m_mutexService);
-    OSAbstractLayer::osal_init_cond(&m_callBackThreadStarting);
 }
 
 TransferClient::~TransferClient() {
@@ -323,17 +572,15 @@ TransferClient::~TransferClient() {
     if (m_fTransferStarted) {
         stopTransfer();
     }
-    // After a lost link nobody has waited for the two threads' last steps yet.
-    waitForReceiverExit();
-    waitForCallBackThreadExit();
-    freeQueued(m_actionCallBackQueue);
-    freeQueued(m_responseQueue);
-    OSAbstractLayer::osal_destroy_event(m_nResponseEvent);
-    OSAbstractLayer::osal_destroy_event(m_nActionEvent);
-    OSAbstractLayer::osal_destroy_cond(&m_callBackThreadStarting);
+    // A run that was lost, or never got going, still has its threads' last steps to wait for.
+    LinkRun* run = detachRun();
+    if (run != nullptr) {
+        run->stop();
+        LinkRun::release(run);
+    }
+    waitForThreads();
     OSAbstractLayer::osal_destroy_mutex(&m_mutexService);
     OSAbstractLayer::osal_destroy_mutex(&m_mutexActionCallBackFunction);
-    OSAbstractLayer::osal_destroy_mutex(&m_actionCallBackThreadMutex);
     ZT_LOG(Common::ZT_LOG_INFO, "TransferClient destroyed.");
 }
 
@@ -342,13 +589,13 @@ bool TransferClient::startTransfer() {
         ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient is already started!");
         return false;
     }
-    // Both threads of an earlier run must be gone before their socket and flags are reused.
-    waitForReceiverExit();
-    waitForCallBackThreadExit();
-    // Answers left from an earlier connection can never match a request on this one.
-    freeQueued(m_responseQueue);
-    if (!createSocket()) {
-        return false;
+    {
+        // The new run makes older ones silent (no null frame); under the callback mutex, so that
+        // an older run's thread either gives its null frame before this point or not at all.
+        MutexGuard guard(insideCallBack() ? nullptr : &m_mutexActionCallBackFunction);
+        if (!createSocket()) {
+            return false;
+        }
     }
     if (!connectToServer()) {
         closeSocket();
@@ -361,10 +608,25 @@ bool TransferClient::startTransfer() {
         closeSocket();
         return false;
     }
-    if (!startOwnedThread(thread_actionCallBack, this, &m_callBackThreadStarting)) {
+    RunRef run(acquireRun());
+    if (!startCallBackThread(run.get())) {
         m_fTransferStarted = false;
         ZT_LOG(Common::ZT_LOG_ERROR, "Fail to create thread!");
         stopReceiver();  // the receiver alone would hold the socket open
+        return false;
+    }
+    return true;
+}
+
+bool TransferClient::startCallBackThread(LinkRun* run) {
+    if (run == nullptr) {
+        return false;
+    }
+    run->setThreadDone(&LinkRun::m_fCallBackDone, false);
+    threadStarting();
+    if (!startRunThread(thread_actionCallBack, run)) {
+        threadEnded();
+        run->setThreadDone(&LinkRun::m_fCallBackDone, true);
         return false;
     }
     return true;
@@ -375,18 +637,19 @@ bool TransferClient::stopTransfer() {
         ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient is already stopped!");
         return false;
     }
-    wakeWaiters();
-    stopReceiver();
+    RunRef run(detachRun());
+    if (run.get() == nullptr) {
+        return false;
+    }
+    run->stop();
+    stopReceiverOf(run.get());
     ZT_LOG(Common::ZT_LOG_DEBUG, "waiting ActionCallBackThread...");
-    if (OSAbstractLayer::osal_lock_mutex(&m_actionCallBackThreadMutex) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
-        return false;
+    // From inside a callback the callback thread is this thread, or waits for it: it ends by
+    // itself once the callback returns.
+    if (!insideCallBack()) {
+        run->waitForThreadDone(&LinkRun::m_fCallBackDone);
     }
-    if (OSAbstractLayer::osal_unlock_mutex(&m_actionCallBackThreadMutex) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot unlock mutex!");
-        return false;
-    }
-    if (!closeSocket()) {
+    if (!closeSocketOf(run.get())) {
         return false;
     }
     ZT_LOG(Common::ZT_LOG_DEBUG, "TransferClient stopped.");
@@ -394,14 +657,20 @@ bool TransferClient::stopTransfer() {
 }
 
 void TransferClient::setActionCallBack(ActionCallBack fn, void* userData) {
-    if (OSAbstractLayer::osal_lock_mutex(&m_mutexActionCallBackFunction) != 0) {
-        ZT_LOG(Common::ZT_LOG_ERROR, "Error: cannot lock mutex!");
-        return;
+    {
+        // Inside a callback this thread holds the callback mutex already.
+        MutexGuard guard(insideCallBack() ? nullptr : &m_mutexActionCallBackFunction);
+        m_fnActionReceived = fn;
+        m_pUserData = userData;
     }
-    m_fnActionReceived = fn;
-    m_pUserData = userData;
-    OSAbstractLayer::osal_unlock_mutex(&m_mutexActionCallBackFunction);
-    OSAbstractLayer::osal_signal_event(m_nActionEvent);  // frames may be waiting for a callback
+    RunRef run(acquireRun());
+    if (run.get() != nullptr) {
+        run->signalWork();  // frames may be waiting for a callback
+    }
+}
+
+bool TransferClient::insideCallBack() const {
+    return m_nCallBackRunner.load() == OSAbstractLayer::osal_current_thread_id();
 }
 
 bool TransferClient::lockService() {
@@ -430,15 +699,16 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
         return kServiceBadCall;
     }
     const int32_t requestID = static_cast<int32_t>(getLittleEndian32(buf));
+    RunRef run(acquireRun());
     if (!lockService()) {
         ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock service!");
         return kServiceLockFailed;
     }
-    if (resplen != nullptr) {
+    if (resplen != nullptr && run.get() != nullptr) {
         // Whatever waits in the response queue before this request is sent answers an earlier,
         // abandoned request: it can never be this call's answer.
         char* stale = nullptr;
-        while (m_responseQueue.pop(&stale)) {
+        while (run->m_responseQueue.pop(&stale)) {
             ZT_LOG(Common::ZT_LOG_ERROR, "requestActionID != responseActionID, requestActionID=%d, responseActionID=%d",
                    requestID, stale != nullptr ? Frame::actionIdOf(stale) : 0);
             delete[] stale;
@@ -455,8 +725,8 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
         ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
         return kServiceOutOfMemory;
     }
-    int sent = OSAbstractLayer::osal_sendn(m_nSockID, frame, len + Frame::MSG_LENGTH_OFFSET, 0, kSendTimeoutSeconds,
-                                           nullptr);
+    const long sock = run.get() != nullptr ? run->m_nSock : OSAL_INVALID_SOCKET;
+    int sent = OSAbstractLayer::osal_sendn(sock, frame, len + Frame::MSG_LENGTH_OFFSET, 0, kSendTimeoutSeconds, nullptr);
     delete[] frame;
     unlockSocket();
     if (sent <= 0) {
@@ -468,91 +738,79 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
         unlockService();
         return resp == nullptr ? kServiceOk : kServiceBadCall;
     }
+    const int result = waitForResponse(run.get(), requestID, resp, resplen, timeout);
+    unlockService();
+    if (result == kServiceOk) {
+        ZT_LOG(Common::ZT_LOG_DEBUG, "Request action:%d finish", requestID);
+    }
+    return result;
+}
 
+int TransferClient::waitForResponse(LinkRun* run, int32_t requestID, char*& resp, int* resplen, int timeout) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "Request action:%d send, wait for response..", requestID);
     const long start = OSAbstractLayer::osal_monotonic_seconds();
     size_t backOff = 0;
     for (;;) {
-        if (m_responseQueue.empty()) {
-            if (!m_fTransferStarted) {
-                unlockService();
-                ZT_LOG(Common::ZT_LOG_WARNING, "server disconnected!");
-                return kServiceDisconnected;
-            }
+        if (!run->m_fActive) {
+            ZT_LOG(Common::ZT_LOG_WARNING, "server disconnected!");
+            return kServiceDisconnected;
+        }
+        if (run->m_responseQueue.empty()) {
             const long now = OSAbstractLayer::osal_monotonic_seconds();
             // Waits as the back-off says, but wakes as soon as a response or a loss arrives.
             if (kBackOffMs[backOff] <= kResponsePollCapMs) {
-                OSAbstractLayer::osal_wait_event(m_nResponseEvent, kBackOffMs[backOff]);
+                run->waitForChange(kBackOffMs[backOff]);
                 ++backOff;
             } else {
-                OSAbstractLayer::osal_wait_event(m_nResponseEvent, kResponsePollCapMs);
+                run->waitForChange(kResponsePollCapMs);
             }
             if (now - start > timeout) {
-                unlockService();
                 ZT_LOG(Common::ZT_LOG_WARNING, "timeout %ds for receiving response!", timeout);
                 return kServiceTimeout;
             }
             continue;
         }
-        if (!m_fTransferStarted) {
-            unlockService();
-            ZT_LOG(Common::ZT_LOG_WARNING, "server disconnected!");
-            return kServiceDisconnected;
-        }
-        char* response = nullptr;
-        if (!m_responseQueue.pop(&response) || response == nullptr) {
-            unlockService();
+        char* popped = nullptr;
+        if (!run->m_responseQueue.pop(&popped) || popped == nullptr) {
             ZT_LOG(Common::ZT_LOG_ERROR, "Error to get response! Check code please!");
             return kServiceBadCall;
         }
-        const int32_t responseID = Frame::actionIdOf(response);
+        std::unique_ptr<char[]> response(popped);
+        const int32_t responseID = Frame::actionIdOf(popped);
         if (responseID != requestID) {
             ZT_LOG(Common::ZT_LOG_ERROR, "requestActionID != responseActionID, requestActionID=%d, responseActionID=%d",
                    requestID, responseID);
-            delete[] response;
             backOff = 0;
             continue;
         }
-        const uint32_t length = Frame::lengthOf(response);
+        const uint32_t length = Frame::lengthOf(popped);
         delete[] resp;
         resp = new (std::nothrow) char[length];
         if (resp == nullptr) {
-            delete[] response;
-            unlockService();
             ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
             return kServiceOutOfMemory;
         }
         *resplen = static_cast<int>(length);
-        unlockService();
-        memcpy(resp, response + Frame::MSG_LENGTH_OFFSET, length);
-        delete[] response;
-        ZT_LOG(Common::ZT_LOG_DEBUG, "Request action:%d finish", requestID);
+        memcpy(resp, popped + Frame::MSG_LENGTH_OFFSET, length);
         return kServiceOk;
     }
 }
 
-bool TransferClient::onDataReceived() {
-    if (!lockSocket()) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock socket!");
-        return false;
-    }
+bool TransferClient::receiveFrames(LinkRun* run) {
     char header[Frame::kHeaderSize];
     ZT_LOG(Common::ZT_LOG_DEBUG, "before osal_recv");
-    const int peeked = OSAbstractLayer::osal_peek(m_nSockID, header, Frame::kHeaderSize);
+    const int peeked = OSAbstractLayer::osal_peek(run->m_nSock, header, Frame::kHeaderSize);
     const int peekError = errno;
     ZT_LOG(Common::ZT_LOG_DEBUG, "after osal_recv");
     if (peeked < 0 && (peekError == EAGAIN || peekError == EWOULDBLOCK)) {
-        unlockSocket();
         return true;  // nothing there after all; poll again
     }
     if (peeked < 1) {
-        unlockSocket();
-        ZT_LOG(Common::ZT_LOG_WARNING, "network error! m_nSockID=%d, errorno = %d", static_cast<int>(m_nSockID.load()),
+        ZT_LOG(Common::ZT_LOG_WARNING, "network error! m_nSockID=%d, errorno = %d", static_cast<int>(run->m_nSock),
                peekError);
         return false;
     }
     if (peeked < Frame::kHeaderSize) {
-        unlockSocket();
         ZT_LOG(Common::ZT_LOG_ERROR, "nRead < MSG_LENGTH_OFFSET + sizeof(int)! check the code, use osal_recvn instead!");
         return true;
     }
@@ -569,22 +827,26 @@ bool TransferClient::onDataReceived() {
         buffer = new (std::nothrow) char[size]();
     }
     if (buffer == nullptr) {
-        unlockSocket();
         ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
         return false;  // the frame can never be taken off the stream: give the link up
     }
     const int total = static_cast<int>(length) + Frame::MSG_LENGTH_OFFSET;
-    const int read = OSAbstractLayer::osal_recvn(m_nSockID, buffer, total, 0, kFrameReadTimeoutSeconds, nullptr);
+    const int read = OSAbstractLayer::osal_recvn(run->m_nSock, buffer, total, 0, kFrameReadTimeoutSeconds, nullptr);
     const int readError = errno;
-    unlockSocket();
     if (read > 0) {
         const int32_t routedID = Frame::actionIdOf(buffer);
         if (IsEventActionID(routedID)) {
             ZT_LOG(Common::ZT_LOG_DEBUG, "Receive ActionCallBack action:%d", routedID);
-            pushTo(m_actionCallBackQueue, buffer, m_nActionEvent);
+            run->m_actionCallBackQueue.lock();
+            run->m_actionCallBackQueue.push_unlock(buffer);
+            run->m_actionCallBackQueue.unlock();
+            run->signalWork();
         } else {
             ZT_LOG(Common::ZT_LOG_DEBUG, "Receive service response action:%d", routedID);
-            pushTo(m_responseQueue, buffer, m_nResponseEvent);
+            run->m_responseQueue.lock();
+            run->m_responseQueue.push_unlock(buffer);
+            run->m_responseQueue.unlock();
+            run->broadcast();
         }
         return true;
     }
@@ -598,16 +860,18 @@ bool TransferClient::onDataReceived() {
     return true;  // the stream may now be out of step; accepted
 }
 
-bool TransferClient::onReceiverStopped() {
-    if (m_fTransferStarted.exchange(false)) {
-        wakeWaiters();
+bool TransferClient::receiverEnded(LinkRun* run) {
+    run->m_fActive = false;
+    run->broadcast();
+    run->signalWork();
+    if (clearIfCurrent(run, m_fTransferStarted)) {
         ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient: Receiver stopped unexpectedly.");
         return true;
     }
     return false;
 }
 
-bool TransferClient::onNetException() {
+bool TransferClient::reportLoss(LinkRun* run) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "onNetException called.");
     char* frame = new (std::nothrow) char[Frame::kHeaderSize];
     if (frame == nullptr) {
@@ -616,89 +880,80 @@ bool TransferClient::onNetException() {
     }
     putLittleEndian32(frame, sizeof(int32_t));
     putLittleEndian32(frame + Frame::MSG_LENGTH_OFFSET, static_cast<uint32_t>(ACTION_SERVER_DISCONNECTED));
-    pushTo(m_actionCallBackQueue, frame, m_nActionEvent);
+    run->m_actionCallBackQueue.lock();
+    run->m_actionCallBackQueue.push_unlock(frame);
+    run->m_actionCallBackQueue.unlock();
+    run->signalWork();
     ZT_LOG(Common::ZT_LOG_DEBUG, "wait for NetException to be handled");
-    // Until the callback has taken the event; a stop or destruction ends the wait, since the
-    // callback thread is then leaving and would never take it.
-    while (!m_actionCallBackQueue.empty() && m_fTransferStarted) {
-        OSAbstractLayer::osal_sleep_ms(kNetExceptionPollMs);
+    // Until the callback has taken the event; a stop ends the wait, since the callback thread
+    // is then leaving and would never take it.
+    while (!run->m_actionCallBackQueue.empty() && !run->m_fStopped) {
+        run->waitForChange(kNetExceptionPollMs);
     }
-    if (m_fTransferStarted) {
-        OSAbstractLayer::osal_sleep_ms(kNetExceptionSettleMs);
-    }
+    run->sleepUnlessStopped(kNetExceptionSettleMs);
     ZT_LOG(Common::ZT_LOG_DEBUG, "after waiting");
-    if (m_fTransferStarted) {
-        OSAbstractLayer::osal_sleep_ms(kNetExceptionTailMs);
-    }
+    run->sleepUnlessStopped(kNetExceptionTailMs);
     return true;
 }
 
 unsigned int TransferClient::thread_actionCallBack(void* arg) {
-    TransferClient* pThis = static_cast<TransferClient*>(arg);
-    if (!enterOwnedThread(&pThis->m_actionCallBackThreadMutex, &pThis->m_callBackThreadStarting,
-                          pThis->m_fTransferStarted)) {
-        return 0;
-    }
+    LinkRun* run = static_cast<LinkRun*>(arg);
+    // Only a TransferClient starts this thread.
+    TransferClient* pThis = static_cast<TransferClient*>(run->m_pOwner);
+    OSAbstractLayer::osal_detach_current_thread();
 
     size_t backOff = 0;
-    while (pThis->m_fTransferStarted && pThis->m_fReceiverStarted) {
-        OSAbstractLayer::osal_lock_mutex(&pThis->m_mutexActionCallBackFunction);
-        char* frame = nullptr;
-        if (pThis->m_fnActionReceived != nullptr && pThis->m_actionCallBackQueue.pop(&frame) && frame != nullptr) {
-            ZT_LOG(Common::ZT_LOG_DEBUG, "before calling pThis->m_fnActionReceived");
-            pThis->m_fnActionReceived(frame, pThis->m_pUserData);
-            ZT_LOG(Common::ZT_LOG_DEBUG, "after calling pThis->m_fnActionReceived");
-            OSAbstractLayer::osal_unlock_mutex(&pThis->m_mutexActionCallBackFunction);
-            delete[] frame;
+    while (run->m_fActive) {
+        if (pThis->deliverNext(run)) {
             backOff = 0;
             continue;
         }
-        OSAbstractLayer::osal_unlock_mutex(&pThis->m_mutexActionCallBackFunction);
-        OSAbstractLayer::osal_wait_event(pThis->m_nActionEvent, nextBackOff(backOff));
+        run->waitForWork(nextBackOff(backOff));
     }
 
     ZT_LOG(Common::ZT_LOG_INFO, "ActionCallBack thread fininsed.");
-    pThis->m_fTransferStarted = false;
-    ZT_LOG(Common::ZT_LOG_DEBUG, "before lock  m_mutexActionCallBackFunction");
-    OSAbstractLayer::osal_lock_mutex(&pThis->m_mutexActionCallBackFunction);
-    ZT_LOG(Common::ZT_LOG_DEBUG, "after lock  m_mutexActionCallBackFunction");
-    if (pThis->m_fnActionReceived != nullptr) {
-        // The null frame tells the owner that the link has ended.
-        pThis->m_fnActionReceived(nullptr, pThis->m_pUserData);
-    }
-    ZT_LOG(Common::ZT_LOG_DEBUG, "before unlock  m_mutexActionCallBackFunction");
-    OSAbstractLayer::osal_unlock_mutex(&pThis->m_mutexActionCallBackFunction);
-    ZT_LOG(Common::ZT_LOG_DEBUG, "after unlock  m_mutexActionCallBackFunction");
-    // The last touch of the object: whoever waits on this mutex may destroy it.
-    OSAbstractLayer::osal_unlock_mutex(&pThis->m_actionCallBackThreadMutex);
+    pThis->clearIfCurrent(run, pThis->m_fTransferStarted);
+    pThis->deliverEnd(run);
+    run->setThreadDone(&LinkRun::m_fCallBackDone, true);
+    // The last touch of the client: from here on it may be destroyed.
+    pThis->threadEnded();
+    LinkRun::release(run);
     return 0;
 }
 
-void TransferClient::pushTo(Common::Queue<char*>& queue, char* frame, long consumerEvent) {
-    queue.lock();
-    const bool pushed = queue.push_unlock(frame);
-    queue.unlock();
-    if (!pushed) {
-        delete[] frame;  // the queue could not grow; the frame is dropped rather than leaked
-        return;
+bool TransferClient::deliverNext(LinkRun* run) {
+    std::unique_ptr<char[]> frame;  // freed once the callback mutex is released
+    MutexGuard guard(&m_mutexActionCallBackFunction);
+    // Checked under the callback mutex, so that a stop or a null callback set from inside the
+    // previous callback holds from the next frame on.
+    char* popped = nullptr;
+    if (!run->m_fActive || m_fnActionReceived == nullptr || !run->m_actionCallBackQueue.pop(&popped)) {
+        return false;
     }
-    OSAbstractLayer::osal_signal_event(consumerEvent);
+    frame.reset(popped);
+    ZT_LOG(Common::ZT_LOG_DEBUG, "before calling pThis->m_fnActionReceived");
+    m_nCallBackRunner = OSAbstractLayer::osal_current_thread_id();
+    m_fnActionReceived(popped, m_pUserData);
+    m_nCallBackRunner = 0;
+    ZT_LOG(Common::ZT_LOG_DEBUG, "after calling pThis->m_fnActionReceived");
+    return true;
 }
 
-void TransferClient::wakeWaiters() {
-    OSAbstractLayer::osal_signal_event(m_nActionEvent);
-    OSAbstractLayer::osal_signal_event(m_nResponseEvent);
-}
-
-void TransferClient::freeQueued(Common::Queue<char*>& queue) {
-    char* frame = nullptr;
-    while (queue.pop(&frame)) {
-        delete[] frame;
+void TransferClient::deliverEnd(LinkRun* run) {
+    ZT_LOG(Common::ZT_LOG_DEBUG, "before lock  m_mutexActionCallBackFunction");
+    {
+        MutexGuard guard(&m_mutexActionCallBackFunction);
+        ZT_LOG(Common::ZT_LOG_DEBUG, "after lock  m_mutexActionCallBackFunction");
+        // A run that a newer start has replaced ends silently: its null frame would tell the
+        // callback that the new link had ended.
+        if (m_fnActionReceived != nullptr && isLatestRun(run)) {
+            m_nCallBackRunner = OSAbstractLayer::osal_current_thread_id();
+            m_fnActionReceived(nullptr, m_pUserData);
+            m_nCallBackRunner = 0;
+        }
+        ZT_LOG(Common::ZT_LOG_DEBUG, "before unlock  m_mutexActionCallBackFunction");
     }
-}
-
-void TransferClient::waitForCallBackThreadExit() {
-    waitForLifetimeMutex(&m_actionCallBackThreadMutex);
+    ZT_LOG(Common::ZT_LOG_DEBUG, "after unlock  m_mutexActionCallBackFunction");
 }
 
 }  // namespace Agent

@@ -1,29 +1,39 @@
 // The link to the on-device service: one TCP connection to 127.0.0.1:20014 carrying frames (a
 // 32-bit little-endian length, then one message whose first field is its action ID).
 //
-// SocketClient owns the socket and the receiver thread, which watches the socket and calls
-// onDataReceived() whenever it is readable. TransferClient adds the framing, a response queue
-// for answers to serviceCall(), an action callback queue for events the service pushes, and the
-// action callback thread that hands each event to one callback, in arrival order.
+// SocketClient owns the socket and the receiver thread, which watches the socket and reads
+// frames. TransferClient adds the framing, a response queue for answers to serviceCall(), an
+// action callback queue for events the service pushes, and the action callback thread that hands
+// each event to one callback, one at a time, in arrival order.
 //
-// Idle threads back off along fixed tables of waits (1 ms up to 50 ms), and those waits end early
-// as soon as there is work, so an idle link still answers at once.
+// Every start makes a new run: its own socket, receiver thread, callback thread and queues, owned
+// jointly by the client and the run's threads. A stop ends the run and drops its frames, so
+// nothing of one connection reaches the next, and a new run never waits for an old one's threads.
 //
-// Threads: any number of callers of serviceCall() (one request in flight at a time), the
-// receiver thread and the action callback thread. Locks are taken in the order service mutex,
-// socket mutex, queue mutex; the logger's mutex is innermost. Each thread holds a lifetime mutex
-// for its whole run; stopping, restarting and destroying wait on those, so no thread of ours
-// outlives the object.
+// Threads: any number of callers of serviceCall() (one request in flight at a time) and, per run,
+// the receiver thread and the action callback thread. Locks are taken in the order callback
+// mutex, service mutex, socket mutex, queue mutex; a run's state mutex, the run mutex and the
+// logger's mutex are innermost. The destructor waits for every thread of every run, so no thread
+// of ours outlives the object.
+//
+// Calls allowed from inside the action callback (it runs on the callback thread, holding the
+// callback mutex):
+// - serviceCall(): as from any thread.
+// - setActionCallBack(): stores at once; the new callback gets the next frame, and a null one
+//   means the callback gets no further frame.
+// - stopTransfer(): stops the receiver and closes the socket, then returns without waiting for
+//   the calling thread. That thread hands out no further frame of the stopped connection; once
+//   the callback returns it gives the null frame, unless a newer start has replaced the run, and
+//   ends.
+// - startTransfer(): after such a stop, connects a new run with new threads at once.
+// The destructor must not run on a callback thread.
 #ifndef PELK_AGENT_TRANSFERCLIENT_H
 #define PELK_AGENT_TRANSFERCLIENT_H
 
 #include <pthread.h>
-#include <semaphore.h>
 
 #include <atomic>
 #include <cstdint>
-
-#include "CommonLib/Queue.h"
 
 namespace PELK {
 namespace Agent {
@@ -46,6 +56,9 @@ char* build(const char* message, uint32_t length);
 
 }  // namespace Frame
 
+// One connection's state: its socket, its threads' progress and its queued frames.
+struct LinkRun;
+
 class SocketClient {
 public:
     static const char* const kServiceAddress;  // "127.0.0.1"
@@ -55,14 +68,15 @@ public:
     SocketClient(const SocketClient&) = delete;
     SocketClient& operator=(const SocketClient&) = delete;
 
-    // Opens a new IPv4 stream socket, closing an open one first.
+    // Opens a new IPv4 stream socket for a new run, closing an open one first.
     bool createSocket();
     // Blocking connect to the service.
     bool connectToServer();
+    // Shuts the current run's connection down; its descriptor is released with the run.
     bool closeSocket();
-    // Starts the receiver thread; returns once the thread is running.
+    // Starts the current run's receiver thread.
     bool startReceiver();
-    // Stops the receiver thread; returns once it has left its loop and closed the socket.
+    // Stops the current run's receiver thread; returns once it has closed the socket.
     bool stopReceiver();
     bool lockSocket();
     bool unlockSocket();
@@ -70,8 +84,8 @@ public:
     long getSocket() const { return m_nSockID.load(); }
     bool isReceiverStarted() const { return m_fReceiverStarted.load(); }
 
-    // Called by the receiver thread: when the socket is readable (false ends the receiver), when
-    // it stops, and when its loop ends although it was meant to run (the connection was lost).
+    // The receiver thread's steps, for the current run: reading a readable socket (false ends
+    // the receiver), its end, and the end of its loop while it was meant to run (a lost link).
     virtual bool onDataReceived();
     virtual bool onReceiverStopped();
     virtual bool onNetException();
@@ -79,18 +93,42 @@ public:
 protected:
     // Not virtual: the owner deletes the derived class (TransferClient declares the virtual one).
     ~SocketClient();
-    // Blocks until a receiver thread of an earlier run has fully left.
-    void waitForReceiverExit();
 
-    std::atomic<long> m_nSockID;
+    // The same steps for a given run; the receiver thread of that run calls them.
+    // REQUIRES for receiveFrames: the socket mutex is held.
+    virtual bool receiveFrames(LinkRun* run);
+    virtual bool receiverEnded(LinkRun* run);
+    virtual bool reportLoss(LinkRun* run);
+
+    // A counted reference to the current run, or null; give it back with LinkRun::release.
+    LinkRun* acquireRun();
+    // Takes the current run out of the client; the caller receives the client's reference.
+    LinkRun* detachRun();
+    // True while no newer start has replaced the run (a stopped run stays the latest).
+    bool isLatestRun(const LinkRun* run);
+    // Clears one of the client's mirrors of the current run, if run is still the current one;
+    // true when it was set.
+    bool clearIfCurrent(const LinkRun* run, std::atomic<bool>& flag);
+    bool stopReceiverOf(LinkRun* run);
+    bool closeSocketOf(LinkRun* run);
+    // Every thread of every run is counted from its creation to its last touch of the client.
+    void threadStarting();
+    void threadEnded();
+    void waitForThreads();
+
+    std::atomic<long> m_nSockID;  // the current run's socket while it is open
     std::atomic<bool> m_fReceiverStarted;
     pthread_mutex_t m_clientSockMutex;
 
 private:
     static unsigned int thread_dataReceiver(void* arg);
 
-    pthread_mutex_t m_receiverThreadMutex;
-    sem_t m_receiverStarting;  // posted by a new receiver thread once it holds its lifetime mutex
+    pthread_mutex_t m_runMutex;  // guards m_pRun and m_nLatestRun
+    LinkRun* m_pRun;
+    uint64_t m_nLatestRun;
+    pthread_mutex_t m_threadsMutex;
+    pthread_cond_t m_threadsEnded;
+    int m_nLiveThreads;  // guarded by m_threadsMutex
 };
 
 class TransferClient : public SocketClient {
@@ -114,12 +152,14 @@ public:
     TransferClient();
     virtual ~TransferClient();
 
-    // Connects and starts both threads. False when already started or the service is not there.
+    // Connects a new run and starts its threads. False when already started or the service is
+    // not there.
     bool startTransfer();
-    // Stops both threads and waits for them. Like the receiver, returns false when the socket
-    // was already closed by the receiver thread.
+    // Stops the run's threads and waits for them (for the callback thread only when not called
+    // from a callback). Like the receiver, returns false when the socket was already closed by
+    // the receiver thread.
     bool stopTransfer();
-    // Blocks while a callback is running.
+    // Blocks while a callback is running, unless called from inside one.
     void setActionCallBack(ActionCallBack fn, void* userData);
 
     // Sends one message (buf: action ID first, len bytes, no length word) and, when resplen is
@@ -134,32 +174,27 @@ public:
 
     bool isTransferStarted() const { return m_fTransferStarted.load(); }
 
-    bool onDataReceived() override;
-    bool onReceiverStopped() override;
-    bool onNetException() override;
+protected:
+    bool receiveFrames(LinkRun* run) override;
+    bool receiverEnded(LinkRun* run) override;
+    bool reportLoss(LinkRun* run) override;
 
 private:
     static unsigned int thread_actionCallBack(void* arg);
-    // Queues a frame and wakes the thread that consumes the queue.
-    void pushTo(Common::Queue<char*>& queue, char* frame, long consumerEvent);
-    // Wakes the callback thread and a waiting serviceCall, so they see a flag change at once.
-    void wakeWaiters();
-    void freeQueued(Common::Queue<char*>& queue);
-    void waitForCallBackThreadExit();
+    bool startCallBackThread(LinkRun* run);
+    // Hands the run's next frame to the callback; false when there was none to hand out.
+    bool deliverNext(LinkRun* run);
+    void deliverEnd(LinkRun* run);
+    // True on the thread that is running a callback of this client.
+    bool insideCallBack() const;
+    int waitForResponse(LinkRun* run, int32_t requestID, char*& resp, int* resplen, int timeout);
 
     std::atomic<bool> m_fTransferStarted;
-    pthread_mutex_t m_actionCallBackThreadMutex;
     pthread_mutex_t m_mutexActionCallBackFunction;
     pthread_mutex_t m_mutexService;
-    Common::Queue<char*> m_actionCallBackQueue;
-    Common::Queue<char*> m_responseQueue;
-    ActionCallBack m_fnActionReceived;
-    void* m_pUserData;
-    sem_t m_callBackThreadStarting;  // posted by a new callback thread once it holds its mutex
-    // Idle waits follow the back-off tables but end early when there is work: a frame queued,
-    // a callback set, the link stopped or lost.
-    long m_nActionEvent;
-    long m_nResponseEvent;
+    ActionCallBack m_fnActionReceived;  // guarded by m_mutexActionCallBackFunction
+    void* m_pUserData;                  // guarded by m_mutexActionCallBackFunction
+    std::atomic<long> m_nCallBackRunner;  // the thread inside a callback, 0 when none
 };
 
 }  // namespace Agent

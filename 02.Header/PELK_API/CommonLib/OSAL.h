@@ -31,6 +31,8 @@ public:
     static void osal_destroy_thread(long* thread);
     // Detaches the calling thread, so that nobody needs to join it.
     static int osal_detach_current_thread();
+    // The calling thread's handle, comparable with the handles of other threads.
+    static long osal_current_thread_id();
     static void osal_sleep_ms(int ms);
     // Seconds of a monotonic clock: immune to wall-clock changes, for measuring time-outs.
     static long osal_monotonic_seconds();
@@ -45,6 +47,18 @@ public:
     // Always 0, whatever the lock did: callers' failure branches are dead; kept deliberately.
     static int osal_lock_mutex(pthread_mutex_t* mutex);
     static int osal_unlock_mutex(pthread_mutex_t* mutex);
+    // 0 when the mutex was free and is now held, 1 when another holder has it (no waiting).
+    static int osal_trylock_mutex(pthread_mutex_t* mutex);
+
+    // Condition variables on the monotonic clock, so wall-clock changes cannot stretch a wait.
+    // A wait may also end without a signal: waiters check their state again after every wait.
+    static int osal_init_condition(pthread_cond_t* cond);
+    static int osal_destroy_condition(pthread_cond_t* cond);
+    // REQUIRES: the caller holds mutex, which the wait releases and takes again.
+    // 0 woken, 2 timed out; ms == -1 waits without limit.
+    static int osal_wait_condition(pthread_cond_t* cond, pthread_mutex_t* mutex, int ms);
+    static void osal_signal_condition(pthread_cond_t* cond);
+    static void osal_broadcast_condition(pthread_cond_t* cond);
 
     // A "cond" here is a process-private counting semaphore with initial count 0: locking
     // takes one count (waiting for it), unlocking posts one.
@@ -93,6 +107,9 @@ public:
     // Blocking connect to a dotted IPv4 address: 0, or 1 with errno set.
     static int osal_connect(long sock, const char* host, int port);
     static int osal_close_socket(long sock);
+    // Ends both directions of a connection without releasing the descriptor: the peer sees the
+    // close, and every wait or receive in progress on the socket returns at once.
+    static int osal_shutdown_socket(long sock);
     // The IPv4 address of a dotted text in network byte order, as the system's conversion gives
     // it (all ones for text it cannot read).
     static uint32_t osal_inet_addr(const char* text);
@@ -123,11 +140,20 @@ public:
 };
 
 // Holds a mutex for one scope: locked by the constructor, unlocked by the destructor on every
-// path. Not recursive, like the mutex it holds.
+// path. Not recursive, like the mutex it holds. A null mutex makes a guard that holds nothing,
+// for a scope whose thread may already hold the lock.
 class MutexGuard {
 public:
-    explicit MutexGuard(pthread_mutex_t* mutex) : m_pMutex(mutex) { OSAbstractLayer::osal_lock_mutex(m_pMutex); }
-    ~MutexGuard() { OSAbstractLayer::osal_unlock_mutex(m_pMutex); }
+    explicit MutexGuard(pthread_mutex_t* mutex) : m_pMutex(mutex) {
+        if (m_pMutex != nullptr) {
+            OSAbstractLayer::osal_lock_mutex(m_pMutex);
+        }
+    }
+    ~MutexGuard() {
+        if (m_pMutex != nullptr) {
+            OSAbstractLayer::osal_unlock_mutex(m_pMutex);
+        }
+    }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 
