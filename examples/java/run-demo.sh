@@ -11,46 +11,15 @@ emulator="$build/emulator/pelk-emulator"
 pelk="$build/cli/pelk"
 classpath="$build/PELKAgent.jar:$build/examples/pelk_java_demo.jar"
 java="${JAVA:-java}"
-work="$(mktemp -d "${TMPDIR:-/tmp}/pelk-java-demo-XXXXXX")"
-pids=()
-
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-  echo "java demo: $*" >&2
-  for log in "$work"/*.log "$work"/*.out; do
-    [ -f "$log" ] && { echo "--- ${log##*/}" >&2; tail -n 20 "$log" >&2; }
-  done
-  exit 1
-}
-
-# Waits up to 10 s for a line matching $2 in file $1.
-await() {
-  for _ in $(seq 100); do
-    grep -q -- "$2" "$1" 2>/dev/null && return 0
-    sleep 0.1
-  done
-  fail "no \"$2\" in ${1##*/}"
-}
+demo_name="java-demo"
+source tools/lib/demo-common.sh
 
 [ -x "$emulator" ] && [ -x "$pelk" ] || fail "build first: $emulator and $pelk are missing"
 mkdir -p "$work/media/Music" "$work/alice" "$work/downloads"
 head -c $((2 << 20)) /dev/urandom >"$work/media/Music/track01.mp3"
 head -c $((3 << 20)) /dev/urandom >"$work/notes.bin"
 
-"$emulator" --media "$work/media" >"$work/trace.log" 2>"$work/emulator.log" &
-pids+=($!)
-await "$work/emulator.log" "listening on 127.0.0.1:20014"
-"$pelk" listen --name alice --receive-dir "$work/alice" >"$work/alice.out" 2>&1 &
-pids+=($!)
-await "$work/alice.out" "listening as"
+start_emulator_and_alice
 
 "$java" -Xcheck:jni -Djava.library.path="$build" -cp "$classpath" com.quorvik.kolt.pelk.agent.demo.Demo \
   alice "$work/notes.bin" Music track01.mp3 "$work/downloads" 2>"$work/java.log" ||
