@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <chrono>
 #include <thread>
 
@@ -125,10 +127,7 @@ TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
     EXPECT_NE(0, agent->unregisterApp());
     EXPECT_EQ(kAppID, agent->getAppID());
     release = true;
-    for (int i = 0; i < 500 && agent->getAppID() != -1; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(-1, agent->getAppID()) << "the loss is handled once the callback returns";
+    EXPECT_TRUE(waitForAppID(-1)) << "the loss is handled once the callback returns";
 }
 
 TEST_F(RegistrationTest, DestroyingARegisteredAgentUnregistersFirst) {
@@ -169,7 +168,7 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     EXPECT_STREQ("tester", disconnected.app.szAppName);
     EXPECT_EQ(kAppID, disconnected.app.nAppID);
     EXPECT_EQ(&user, disconnected.user);
-    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(waitForAppID(-1));
 
     ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
     const double after = secondsSince(lost);
@@ -224,7 +223,7 @@ TEST_F(ReconnectionTest, AServiceResultOf1100EndsTheAttempts) {
     loseService();
     ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
     EXPECT_FALSE(service->waitForRequests(ACTION_REGISTER, 3, 6500));
-    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(waitForAppID(-1));
 }
 
 TEST_F(ReconnectionTest, DestructionWaitsForAReconnectionInProgress) {
@@ -313,3 +312,79 @@ TEST_F(AppEventTest, FramesThatCannotBeTrustedAreLoggedAndDropped) {
 }
 
 }  // namespace
+
+class CallbackReentryTest : public AgentTest {
+protected:
+    // Runs call inside the app callback of a pushed event and returns what it returned.
+    int insideCallback(const std::function<int()>& call) {
+        // Shared, so that a call that hangs past the wait cannot write into a finished frame.
+        auto result = std::make_shared<std::atomic<int>>(-12345);
+        const size_t seen = callbacks.of("app").size();
+        callbacks.runInside("app", [call, result] { *result = call(); });
+        EXPECT_TRUE(service->push(appChange(3, otherApp(20, "trigger"))));
+        EXPECT_TRUE(callbacks.waitFor("app", seen + 1, 15000)) << "the call hung the callback";
+        return result->load();
+    }
+};
+
+TEST_F(CallbackReentryTest, EveryOperationWorksFromInsideACallback) {
+    registerAgent();
+    for (int32_t id = 9; id <= 53; ++id) {
+        if (id != ACTION_REGISTER && id != ACTION_UNREGISTER && id != ACTION_SET_RECEIVE_OPTION) {
+            // Zeros after the action ID read as an empty, successful reply of every layout.
+            service->answer(id, BodyBuilder(id).zeros(1848).build());
+        }
+    }
+    const InteractionApp peer = otherApp(20, "peer");
+    const PELK::DLNADevice device;
+    const PELK::FileInfo item;
+    const std::vector<PELK::FileInfo> items(1);
+    std::vector<PELK::DLNADevice> devices;
+    std::vector<PELK::FileInfo> listing;
+    std::vector<InteractionApp> apps;
+    PELK::LocalNetworkDevice network;
+    PELK::ReceiveOption option;
+    PELK::FileInfo parent;
+    uint32_t fileTask = 0;
+    int copyTask = 0;
+    const std::vector<std::function<int()>> calls = {
+        [&] { return agent->sendData("d", 1, &peer, false, 1); },
+        [&] { return agent->asynSendData("d", 1, &peer, false, CallbackRecorder::onData, &user); },
+        [&] { return agent->sendUDPData("d", 1, &peer, true, CallbackRecorder::onData, &user); },
+        [&] { return agent->sendUDPHugeData("d", 1, &peer); },
+        [&] { return agent->broadcast("d", 1, "255.255.255.255", false); },
+        [&] { return agent->sendFile("/f", &peer, CallbackRecorder::onFile, &user, &fileTask, false, 0); },
+        [&] { return agent->pauseSend(1); },
+        [&] { return agent->setReceiveOption(&option); },
+        [&] { return agent->getReceiveOption(&option); },
+        [&] { return agent->searchDMS(&devices); },
+        [&] { return agent->getFileList(&device, &listing); },
+        [&] { return agent->getParentDirectoryInfo(&item, &parent); },
+        [&] { return agent->copyFileList(&device, &items, CallbackRecorder::onFile, &copyTask); },
+        [&] { return agent->playSelectedFile(0, &device, &items, &device, nullptr, nullptr, 0); },
+        [&] { return agent->pauseCurPlayingFile(&device); },
+        [&] { return agent->startDMS(); },
+        [&] { return agent->rescanNetwork(PELK::DLNA_DEVICE_ALL); },
+        [&] { return agent->getLocalNetworkInfo(&network); },
+        [&] { return agent->searchInteractionApp(&apps); },
+        [&] { return agent->refreshInteractionApp(true); },
+        [&] { return agent->getInteractionAppList(&apps); },
+    };
+    for (size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_EQ(0, insideCallback(calls[i])) << "call " << i;
+    }
+
+    // Leaving and coming back from inside a callback: the link restarts under the callback.
+    EXPECT_EQ(0, insideCallback([&] { return agent->unregisterApp(); }));
+    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(service->waitForClientClose());
+    EXPECT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, nullptr));
+    EXPECT_EQ(0, insideCallback([&] {
+        const int left = agent->unregisterApp();
+        const int back = agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, nullptr);
+        return left != 0 ? left : back;
+    }));
+    EXPECT_EQ(kAppID, agent->getAppID());
+    EXPECT_EQ(0, insideCallback([&] { return agent->sendData("after", 5, &peer, false, 1); }));
+    EXPECT_EQ(3, service->connections());
+}

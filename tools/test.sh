@@ -3,14 +3,18 @@
 #   tools/test.sh            plain build in build/, every suite but the soak
 #   tools/test.sh --quick    only the quick suites
 #   tools/test.sh --soak     only the soak suites, for PELK_SOAK_SECONDS each (tools/soak.sh)
+#   tools/test.sh --build-only   configure and build, run nothing
 #   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-selection=(-LE soak)
+# Labels are regular expressions to ctest; every suite also carries its own name as a label.
+selection=(-LE '^soak$')
+build_only=
 case "${1:-}" in
-  --quick) selection=(-L quick) ;;
-  --soak) selection=(-L soak) ;;
+  --quick) selection=(-L '^quick$') ;;
+  --soak) selection=(-L '^soak$') ;;
+  --build-only) build_only=1 ;;
 esac
 
 build_dir=build
@@ -30,4 +34,5 @@ if [ ! -f "$build_dir/CMakeCache.txt" ]; then
   cmake -S . -B "$build_dir" "${generator[@]}" "${options[@]}"
 fi
 cmake --build "$build_dir" --parallel "$(nproc)"
+[ -z "$build_only" ] || exit 0
 ctest --test-dir "$build_dir" "${selection[@]}" --output-on-failure --parallel "$(nproc)"

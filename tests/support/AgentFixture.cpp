@@ -1,6 +1,7 @@
 #include "support/AgentFixture.h"
 
 #include <chrono>
+#include <thread>
 
 namespace pelktest {
 
@@ -161,6 +162,17 @@ Bytes AgentTest::lastRequest(int32_t actionID) {
     const std::vector<Bytes> requests = service->received(actionID);
     EXPECT_FALSE(requests.empty()) << "no request " << actionID;
     return requests.empty() ? Bytes() : requests.back();
+}
+
+bool AgentTest::waitForAppID(int appID, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (agent->getAppID() != appID) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }
 
 void AgentTest::dispatch(const Bytes& body) {

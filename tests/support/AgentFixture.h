@@ -94,6 +94,8 @@ protected:
     void answerResult(int32_t actionID, int32_t result = 0);
     // The last request with this ID that reached the service (fails the test when none did).
     Bytes lastRequest(int32_t actionID);
+    // Waits until the agent holds this app ID (callbacks come before the state they announce).
+    bool waitForAppID(int appID, int timeoutMs = 5000);
     // Hands a frame straight to the dispatcher on this thread.
     void dispatch(const Bytes& body);
 };

@@ -33,11 +33,12 @@ const size_t kMaxBroadcastAddress = 15;
 const size_t kMaxFileName = 225;
 const int kHugeDataHeader = 8;  // list ID and sequence number ahead of a piece's content
 
-// What one sender may hold of large payloads still being put together: the oldest is dropped
-// when a sender starts one payload more, and a payload is dropped when it outgrows the cap. A
-// payload whose end never comes can then not grow memory without bound.
+// What unfinished large payloads may hold, so that payloads whose end never comes cannot grow
+// memory without bound: a payload is dropped when it outgrows its cap, and the oldest unfinished
+// payloads go when their sender starts one too many or when all of them hold too much.
 const size_t kMaxPayloadsPerSender = 8;
 const int kMaxPayloadBytes = 64 * 1024 * 1024;
+const int64_t kMaxHeldBytes = 128 * 1024 * 1024;
 
 // Set while this thread runs a TCP send status callback, which holds the TCP callback mutex:
 // a send from inside the callback files its entry without locking that mutex a second time.
@@ -191,6 +192,7 @@ ActionAgent::ActionAgent()
       m_pfnDLNADeviceChange(nullptr),
       m_pfnInterAppChange(nullptr),
       m_pInteractionAppList(new (std::nothrow) AgentAppList),
+      m_nHeldBytes(0),
       m_nReconnectThreads(0) {
     if (m_pTransferClient == nullptr) {
         ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
@@ -679,12 +681,16 @@ void ActionAgent::onServerDisconnected(const char* /*body*/, uint32_t /*length*/
     if (m_pInteractionAppList != nullptr) {
         m_pInteractionAppList->clear();
     }
+    int32_t lostAppID = m_nAppID;
     const InterAppChangeCallback callBack = m_pfnInterAppChange;
     if (callBack != nullptr) {
         const InteractionApp own = getOwnApp();
         callBack(&own, APP_STATUS_DISCONNECTED, m_pRegisterUser);
     }
-    m_nAppID = -1;
+    // An app that registered again from inside the callback keeps its new registration.
+    if (!m_nAppID.compare_exchange_strong(lostAppID, -1) && lostAppID > 0) {
+        return;
+    }
     if (!m_fAutoConnected) {
         return;
     }
@@ -1068,9 +1074,10 @@ char* ActionAgent::compositeBlockData(const DataBlockListInfo& info) {
 
 void ActionAgent::addBlockListInfo(uint64_t key, const DataBlockListInfo& info) {
     MutexGuard guard(&m_dataBlockMutex);
-    dropOldestPayloadOf(key);
     m_dataBlockMap[key] = info;
     m_payloadOrder.push_back(key);
+    m_nHeldBytes += info.nTotalLength;
+    limitHeldPayloads(key);
 }
 
 bool ActionAgent::findBlockListInfo(uint64_t key, DataBlockListInfo& info) {
@@ -1087,39 +1094,47 @@ void ActionAgent::updateBlockListInfo(uint64_t key, const DataBlockListInfo& inf
     MutexGuard guard(&m_dataBlockMutex);
     const auto found = m_dataBlockMap.find(key);
     if (found != m_dataBlockMap.end()) {
+        m_nHeldBytes += info.nTotalLength - found->second.nTotalLength;
         found->second = info;
+        limitHeldPayloads(key);
     }
 }
 
 void ActionAgent::removeBlockListInfo(uint64_t key) {
     MutexGuard guard(&m_dataBlockMutex);
-    m_dataBlockMap.erase(key);
-    m_payloadOrder.remove(key);
+    const auto found = m_dataBlockMap.find(key);
+    if (found != m_dataBlockMap.end()) {
+        m_nHeldBytes -= found->second.nTotalLength;
+        m_dataBlockMap.erase(found);
+        m_payloadOrder.remove(key);
+    }
 }
 
-void ActionAgent::dropOldestPayloadOf(uint64_t key) {
+void ActionAgent::limitHeldPayloads(uint64_t key) {
     // The sender is the key's low half, its address.
     const uint32_t sender = static_cast<uint32_t>(key);
-    size_t held = 0;
-    auto oldest = m_payloadOrder.end();
-    for (auto it = m_payloadOrder.begin(); it != m_payloadOrder.end(); ++it) {
-        if (static_cast<uint32_t>(*it) == sender && *it != key) {
-            if (held++ == 0) {
-                oldest = it;
-            }
+    size_t fromSender = 0;
+    for (uint64_t held : m_payloadOrder) {
+        fromSender += static_cast<uint32_t>(held) == sender ? 1 : 0;
+    }
+    for (auto it = m_payloadOrder.begin();
+         it != m_payloadOrder.end() && (fromSender > kMaxPayloadsPerSender || m_nHeldBytes > kMaxHeldBytes);) {
+        const bool sameSender = static_cast<uint32_t>(*it) == sender;
+        if (*it == key || (!sameSender && m_nHeldBytes <= kMaxHeldBytes)) {
+            ++it;
+            continue;
         }
+        const auto entry = m_dataBlockMap.find(*it);
+        if (entry != m_dataBlockMap.end()) {
+            ZT_LOG(Common::ZT_LOG_WARNING, "Dropped an unfinished large payload of %d bytes",
+                   entry->second.nTotalLength);
+            m_nHeldBytes -= entry->second.nTotalLength;
+            releaseDataBlockList(entry->second.pFirst);
+            m_dataBlockMap.erase(entry);
+        }
+        fromSender -= sameSender ? 1 : 0;
+        it = m_payloadOrder.erase(it);
     }
-    if (held < kMaxPayloadsPerSender) {
-        return;
-    }
-    ZT_LOG(Common::ZT_LOG_WARNING, "Dropped an unfinished large payload: its sender started %u more",
-           static_cast<unsigned int>(kMaxPayloadsPerSender));
-    const auto entry = m_dataBlockMap.find(*oldest);
-    if (entry != m_dataBlockMap.end()) {
-        releaseDataBlockList(entry->second.pFirst);
-        m_dataBlockMap.erase(entry);
-    }
-    m_payloadOrder.erase(oldest);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -275,8 +275,9 @@ private:
     void onUDPDataStatus(const char* body, uint32_t length);
     void onTCPDataStatus(const char* body, uint32_t length);
     void onHugeDataPiece(const InteractionApp& sender, const char* data, int length);
-    // Called with the data-block mutex held, before a sender's new payload is filed.
-    void dropOldestPayloadOf(uint64_t key);
+    // Drops the oldest unfinished payloads but key's while the limits are exceeded.
+    // REQUIRES: m_dataBlockMutex held.
+    void limitHeldPayloads(uint64_t key);
 
     void reconnect();
     // Waits until deadlineMs of the monotonic clock; false once auto-reconnect is off.
@@ -308,6 +309,7 @@ private:
 
     pthread_mutex_t m_ownAppMutex;
     std::list<uint64_t> m_payloadOrder;  // data-block keys in the order their payloads began
+    int64_t m_nHeldBytes;                // what the data-block map holds, under its mutex
     sem_t m_reconnectWake;               // posted by the destructor: a pausing reconnection ends
     std::atomic<int> m_nReconnectThreads;
 };

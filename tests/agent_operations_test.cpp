@@ -1,0 +1,642 @@
+// The agent's operations as the service sees them (request bytes on the wire, result codes in
+// their order), and the events that reach the app's callbacks: send status, file progress,
+// received data and large payloads, copies and devices.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/AgentFixture.h"
+#include "CommonLib/OSAL.h"
+#include "support/TempDir.h"
+
+using namespace pelktest;
+using namespace PELK;
+using PELK::Agent::ActionAgent;
+
+namespace {
+
+InteractionApp target(int appID = 12, const char* ip = "10.0.0.9") {
+    InteractionApp app;
+    app.nAppID = appID;
+    app.SetIPv4(ip);
+    return app;
+}
+
+// A data status event (52 or 54) for a send to app.
+template <class Status>
+Bytes dataStatus(const InteractionApp& app, int32_t result) {
+    Status event;
+    event.nStatus = result;
+    event.nEventType = 2;
+    event.nRemoteAppID = app.nAppID;
+    memcpy(event.szIPv4, app.szIPv4, sizeof(event.szIPv4));
+    event.sendTag.byRemoteAppID = static_cast<uint8_t>(app.nAppID);
+    return encode(event);
+}
+
+// One piece of a large payload as another app's agent sends it.
+Bytes hugePiece(uint32_t listID, uint32_t sequence, const std::string& content) {
+    ReceiveDataRes event;
+    event.nDataType = ActionAgent::kHugeDataType;
+    event.sender = target(30, "10.0.0.30");
+    std::string payload(8, '\0');
+    memcpy(&payload[0], &listID, 4);
+    memcpy(&payload[4], &sequence, 4);
+    payload += content;
+    event.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
+    return encode(event);
+}
+
+class DataTest : public AgentTest {};
+
+TEST_F(DataTest, EachSendChecksRegistrationDataTargetAndLengthInThatOrder) {
+    const InteractionApp app = target();
+    InteractionApp noAddress = target();
+    noAddress.szIPv4[0] = '\0';
+    const std::string big(65536, 'x');
+    const char* data = big.data();
+    using Send = std::function<int(const char*, unsigned int, const InteractionApp*)>;
+    struct Case {
+        const char* name;
+        Send send;
+        std::vector<int> codes;  // unregistered, null data, null target, empty address, too long, zero
+    };
+    const std::vector<Case> cases = {
+        {"sendData", [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->sendData(d, n, a, false, 5); },
+         {1400, 1402, 1403, 1403, 1404, 1405}},
+        {"asynSendData",
+         [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->asynSendData(d, n, a, false, nullptr, nullptr); },
+         {1400, 1402, 1403, 1403, 1404, 1405}},
+        {"sendUDPData",
+         [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->sendUDPData(d, n, a, false, nullptr, nullptr); },
+         {1500, 1502, 1503, 1503, -1, 1504}},
+        {"sendUDPHugeData", [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->sendUDPHugeData(d, n, a); },
+         {1600, 1602, 1603, 1603, -1, 1604}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.codes[0], c.send(nullptr, 0, nullptr)) << c.name;
+    }
+    EXPECT_EQ(1900, agent->broadcast(nullptr, 0, nullptr, false));
+    registerAgent();
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.codes[1], c.send(nullptr, 0, nullptr)) << c.name;
+        EXPECT_EQ(c.codes[2], c.send(data, 10, nullptr)) << c.name;
+        EXPECT_EQ(c.codes[3], c.send(data, 10, &noAddress)) << c.name;
+        if (c.codes[4] > 0) {
+            EXPECT_EQ(c.codes[4], c.send(data, 65536, &app)) << c.name;
+        }
+        EXPECT_EQ(c.codes[5], c.send(data, 0, &app)) << c.name;
+    }
+    // A large payload is checked for its length before its target.
+    EXPECT_EQ(1604, agent->sendUDPHugeData(data, 0, nullptr));
+    EXPECT_EQ(1902, agent->broadcast(nullptr, 1, "1.2.3.4", false));
+    EXPECT_EQ(1903, agent->broadcast(data, 1, nullptr, false));
+    EXPECT_EQ(1904, agent->broadcast(data, 1, "255.255.255.2550", false));
+    EXPECT_EQ(1905, agent->broadcast(data, 2040, "255.255.255.255", false));
+    EXPECT_TRUE(service->received(ACTION_SEND_DATA).empty());
+}
+
+TEST_F(DataTest, SendDataCarriesTargetFlagTimeOutInMillisecondsAndData) {
+    registerAgent();
+    answerResult(ACTION_SEND_DATA, 0);
+    const InteractionApp app = target();
+    for (const auto& timeouts : std::vector<std::pair<int, int>>{{200, 200000}, {201, 201}, {0, 0}, {1, 1000}}) {
+        ASSERT_EQ(0, agent->sendData("hello", 5, &app, true, timeouts.first));
+        const Bytes request = lastRequest(ACTION_SEND_DATA);
+        ASSERT_EQ(322u, request.size());
+        EXPECT_EQ(Bytes(reinterpret_cast<const uint8_t*>(&app), reinterpret_cast<const uint8_t*>(&app) + 304),
+                  Bytes(request.begin() + 4, request.begin() + 308));
+        EXPECT_EQ(1, request[308]);
+        EXPECT_EQ(timeouts.second, readInt32(request, 309)) << timeouts.first;
+        EXPECT_EQ(5, readInt32(request, 313));
+        EXPECT_EQ("hello", std::string(request.begin() + 317, request.end()));
+    }
+    answerResult(ACTION_SEND_DATA, 6);
+    EXPECT_EQ(6, agent->sendData("x", 1, &app, false, 1)) << "the service's result";
+}
+
+TEST_F(DataTest, UDPPayloadsAboveOneDatagramGoOutAsNumberedPieces) {
+    registerAgent();
+    answerResult(ACTION_SEND_UDP_DATA);
+    answerResult(ACTION_SEND_UDP_HUGE_DATA);
+    const InteractionApp app = target();
+    const std::string payload(8174, 'p');
+
+    ASSERT_EQ(0, agent->sendUDPData(payload.data(), 2039, &app, false, nullptr, nullptr));
+    EXPECT_EQ(2039, readInt32(lastRequest(ACTION_SEND_UDP_DATA), 309));
+    EXPECT_TRUE(service->received(ACTION_SEND_UDP_HUGE_DATA).empty());
+
+    ASSERT_EQ(0, agent->sendUDPData(payload.data(), 2040, &app, true, CallbackRecorder::onData, &user));
+    std::vector<Bytes> pieces = service->received(ACTION_SEND_UDP_HUGE_DATA);
+    ASSERT_EQ(1u, pieces.size());
+    EXPECT_EQ(2048, readInt32(pieces[0], 308));
+    EXPECT_EQ(0, readInt32(pieces[0], 316)) << "a payload of one piece has no end mark";
+    EXPECT_EQ(app.nAppID, readInt32(pieces[0], 4 + 260));
+
+    ASSERT_EQ(0, agent->sendUDPHugeData(payload.data(), 8174, &app));
+    pieces = service->received(ACTION_SEND_UDP_HUGE_DATA);
+    ASSERT_EQ(3u, pieces.size());
+    EXPECT_EQ(8173 + 8, readInt32(pieces[1], 308));
+    EXPECT_EQ(0, readInt32(pieces[1], 316));
+    EXPECT_EQ(1 + 8, readInt32(pieces[2], 308));
+    EXPECT_EQ(-2, readInt32(pieces[2], 316));
+    EXPECT_EQ(readInt32(pieces[1], 312), readInt32(pieces[2], 312)) << "one list ID for the payload";
+
+    answerResult(ACTION_SEND_UDP_HUGE_DATA, 9);
+    EXPECT_EQ(9, agent->sendUDPHugeData(payload.data(), 8174, &app));
+    EXPECT_EQ(4u, service->received(ACTION_SEND_UDP_HUGE_DATA).size()) << "a refused piece ends the send";
+}
+
+TEST_F(DataTest, BroadcastsAreAddressedByTheirText) {
+    registerAgent();
+    answerResult(ACTION_BROADCAST);
+    ASSERT_EQ(0, agent->broadcast("all", 3, "255.255.255.255", true));
+    const Bytes request = lastRequest(ACTION_BROADCAST);
+    ASSERT_EQ(316u, request.size());
+    EXPECT_EQ("255.255.255.255", readText(request, 4 + 268, 16));
+    EXPECT_EQ(1, request[308]);
+    EXPECT_EQ(3, readInt32(request, 309));
+}
+
+TEST_F(DataTest, AsynchronousSendsToOneAppShareOneCountedEntry) {
+    registerAgent();
+    const InteractionApp app = target();
+    int otherUser = 0;
+    ASSERT_EQ(0, agent->asynSendData("a", 1, &app, false, CallbackRecorder::onData, &user));
+    ASSERT_EQ(0, agent->asynSendData("b", 1, &app, false, CallbackRecorder::onData, &otherUser));
+    ASSERT_TRUE(service->waitForRequests(ACTION_ASYN_SEND_DATA, 2));
+    const Bytes request = lastRequest(ACTION_ASYN_SEND_DATA);
+    ASSERT_EQ(315u, request.size());
+    EXPECT_EQ(1, request[309]) << "a status is wanted";
+    EXPECT_EQ(1, readInt32(request, 310));
+
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(service->push(dataStatus<SendTCPDataStatusRes>(app, i)));
+    }
+    ASSERT_TRUE(callbacks.waitFor("data", 2));
+    EXPECT_FALSE(callbacks.waitFor("data", 3, 300)) << "the entry is gone after two statuses";
+    for (const CallbackRecord& record : callbacks.of("data")) {
+        EXPECT_EQ(&user, record.user) << "the first callback given stays";
+        EXPECT_EQ(12, record.dataEvent.nRemoteAppID);
+        EXPECT_STREQ("10.0.0.9", record.dataEvent.strIPAddress);
+        EXPECT_EQ(2, record.dataEvent.nEventType);
+    }
+    EXPECT_EQ(1, callbacks.of("data")[1].dataEvent.nId);
+    EXPECT_TRUE(log.contains("notify TCP Data status: 10.0.0.9, 12"));
+    EXPECT_TRUE(log.contains("Can not find tcp callback: 10.0.0.9_12, 10.0.0.9, 12!"));
+    EXPECT_TRUE(log.contains("can not delete call back!"));
+}
+
+TEST_F(DataTest, UDPStatusIsKeyedByTheWholeAddressField) {
+    registerAgent();
+    answerResult(ACTION_SEND_UDP_DATA);
+    InteractionApp app = target();
+    app.szIPv4[12] = 'z';  // left over behind the terminator: part of the key
+    ASSERT_EQ(0, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &user));
+    EXPECT_EQ(1, lastRequest(ACTION_SEND_UDP_DATA)[308]);
+
+    ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(target(), 0)));
+    ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(app, 0)));
+    ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(app, 0)));
+    ASSERT_TRUE(callbacks.waitFor("data", 1));
+    EXPECT_FALSE(callbacks.waitFor("data", 2, 300)) << "one status per send";
+    EXPECT_EQ(&user, callbacks.of("data")[0].user);
+}
+
+TEST_F(DataTest, AStatusCallbackMaySendWithAStatusCallbackOfItsOwn) {
+    registerAgent();
+    const InteractionApp app = target();
+    ASSERT_EQ(0, agent->asynSendData("a", 1, &app, false, CallbackRecorder::onData, &user));
+    std::atomic<int> inside(-1);
+    callbacks.runInside("data", [&] {
+        inside = agent->asynSendData("again", 5, &app, false, CallbackRecorder::onData, &user);
+    });
+    ASSERT_TRUE(service->push(dataStatus<SendTCPDataStatusRes>(app, 0)));
+    ASSERT_TRUE(callbacks.waitFor("data", 1));
+    EXPECT_EQ(0, inside.load());
+    ASSERT_TRUE(service->waitForRequests(ACTION_ASYN_SEND_DATA, 2));
+    ASSERT_TRUE(service->push(dataStatus<SendTCPDataStatusRes>(app, 0)));
+    EXPECT_TRUE(callbacks.waitFor("data", 2)) << "the send made inside the callback is filed";
+}
+
+class ReceiveTest : public AgentTest {
+protected:
+    void SetUp() override {
+        AgentTest::SetUp();
+        registerAgent();
+        ReceiveOption option;
+        option.pfnReceiveData = CallbackRecorder::onReceiveData;
+        option.pReceiveDataUser = &user;
+        option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
+        option.pReceiveFileUser = &user;
+        ASSERT_EQ(0, agent->setReceiveOption(&option));
+    }
+};
+
+TEST_F(ReceiveTest, ALargePayloadIsDeliveredOnceJoinedInArrivalOrder) {
+    const Bytes request = lastRequest(ACTION_SET_RECEIVE_OPTION);
+    EXPECT_EQ(1, request[265]);
+    EXPECT_EQ(1, request[266]);
+    ASSERT_TRUE(service->push(hugePiece(5, 0, "abc")));
+    ASSERT_TRUE(service->push(hugePiece(6, 0, "never")));  // one piece: no end mark, never delivered
+    ASSERT_TRUE(service->push(hugePiece(5, 7, "def")));
+    ASSERT_TRUE(service->push(hugePiece(5, 1, "gh")));
+    ASSERT_TRUE(service->push(hugePiece(5, ActionAgent::kLastSequence, "!")));
+    ASSERT_TRUE(callbacks.waitFor("receive-data", 1));
+    EXPECT_FALSE(callbacks.waitFor("receive-data", 2, 300));
+    const CallbackRecord delivered = callbacks.of("receive-data")[0];
+    EXPECT_EQ(ActionAgent::kHugeDataType, delivered.status);
+    EXPECT_EQ("abcdefgh!", std::string(delivered.data.begin(), delivered.data.end()));
+    EXPECT_STREQ("10.0.0.30", delivered.app.szIPv4);
+    EXPECT_EQ(&user, delivered.user);
+}
+
+TEST_F(ReceiveTest, ASenderHoldsAtMostEightUnfinishedPayloads) {
+    for (uint32_t list = 1; list <= 9; ++list) {
+        ASSERT_TRUE(service->push(hugePiece(list, 0, "head-" + std::to_string(list))));
+    }
+    ASSERT_TRUE(service->push(hugePiece(9, ActionAgent::kLastSequence, "tail")));
+    ASSERT_TRUE(service->push(hugePiece(1, ActionAgent::kLastSequence, "tail")));
+    ASSERT_TRUE(callbacks.waitFor("receive-data", 2));
+    const std::vector<CallbackRecord> delivered = callbacks.of("receive-data");
+    EXPECT_EQ("head-9tail", std::string(delivered[0].data.begin(), delivered[0].data.end()));
+    EXPECT_EQ("tail", std::string(delivered[1].data.begin(), delivered[1].data.end())) << "its head was dropped";
+    EXPECT_TRUE(log.contains("Dropped an unfinished large payload"));
+}
+
+TEST_F(ReceiveTest, DataAndFilesFromOtherAppsReachTheReceiveCallbacks) {
+    ReceiveDataRes data;
+    data.nDataType = 4;
+    data.sender = target(30, "10.0.0.30");
+    data.data.Set("", 0);
+    ASSERT_TRUE(service->push(encode(data)));
+    ReceiveFileRes file;
+    file.nTaskID = 8;
+    file.ullCurrentSize = 10;
+    file.ullTotalSize = 20;
+    strcpy(file.strFileName, "photo.jpg");
+    file.sender = target(30, "10.0.0.30");
+    const Bytes wire = encode(file);
+    ASSERT_EQ(620u, wire.size()) << "file events are 8 bytes shorter than their class says";
+    ASSERT_TRUE(service->push(wire));
+    ASSERT_TRUE(callbacks.waitFor("receive-file", 1));
+    ASSERT_EQ(1u, callbacks.of("receive-data").size());
+    EXPECT_EQ(4, callbacks.of("receive-data")[0].status);
+    EXPECT_TRUE(callbacks.of("receive-data")[0].data.empty());
+    const file_transfer_event event = callbacks.of("receive-file")[0].fileEvent;
+    EXPECT_EQ(8, event.nId);
+    EXPECT_EQ(10u, event.ullCurrentSize);
+    EXPECT_EQ(20u, event.ullTotalSize);
+    EXPECT_STREQ("photo.jpg", event.strFileName);
+    EXPECT_STREQ("10.0.0.30", event.strOtherSideIP);
+    EXPECT_EQ(30, event.nRemoteAppID);
+    EXPECT_EQ(&user, callbacks.of("receive-file")[0].user);
+
+    Bytes shortened(wire.begin(), wire.end() - 1);
+    dispatch(shortened);
+    EXPECT_EQ(1u, callbacks.of("receive-file").size()) << "619 bytes cannot be a file event";
+}
+
+class FileTest : public AgentTest {
+protected:
+    void answerSendFile(int32_t actionID, int32_t taskID, int32_t result = 0) {
+        service->answer(actionID, body(actionID, {taskID, result}));
+    }
+};
+
+TEST_F(FileTest, SendFileListPutsEveryPathTheTargetAndTheTagOnTheWire) {
+    registerAgent();
+    answerSendFile(ACTION_SEND_FILE_EX, 77);
+    const std::vector<std::string> paths = {"/data/a.txt", "/data/b.txt"};
+    const InteractionApp app = target(300);
+    uint32_t taskID = 0;
+    ASSERT_EQ(0, agent->sendFileList(&paths, &app, CallbackRecorder::onFile, &user, &taskID, true, 6));
+    EXPECT_EQ(77u, taskID);
+    const Bytes request = lastRequest(ACTION_SEND_FILE_EX);
+    ASSERT_EQ(324u + 2 * 260, request.size());
+    EXPECT_EQ(2, readInt32(request, 4));
+    EXPECT_EQ("/data/a.txt", readText(request, 8, 260));
+    EXPECT_EQ("/data/b.txt", readText(request, 268, 260));
+    EXPECT_EQ(300, readInt32(request, 528 + 260));
+    EXPECT_EQ((Bytes{kAppID, 300 & 0xFF, 3, 0}), Bytes(request.begin() + 832, request.begin() + 836));
+    EXPECT_EQ(6, readInt32(request, 840));
+}
+
+TEST_F(FileTest, PathChecksGiveTheirCodes) {
+    registerAgent();
+    answerSendFile(ACTION_SEND_FILE, 1);
+    const InteractionApp app = target();
+    uint32_t taskID = 0;
+    EXPECT_EQ(1702, agent->sendFile(nullptr, &app, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(1703, agent->sendFile(".hidden", &app, nullptr, nullptr, &taskID, false, 0));
+    const std::vector<std::string> empty;
+    EXPECT_EQ(1802, agent->sendFileList(nullptr, &app, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(1804, agent->sendFileList(&empty, &app, nullptr, nullptr, nullptr, false, 0));
+    EXPECT_EQ(1805, agent->sendFileList(&empty, nullptr, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(1803, agent->sendFileList(&empty, &app, nullptr, nullptr, &taskID, false, 0));
+    const std::vector<std::string> relative = {"/ok", "../../../../../../../../../../../../../x"};
+    EXPECT_EQ(1806, agent->sendFileList(&relative, &app, nullptr, nullptr, &taskID, false, 0));
+
+    EXPECT_EQ(0, agent->sendFile(("/d/" + std::string(225, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(1807, agent->sendFile(("/d/" + std::string(226, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(1807, agent->sendFile(("C:\\" + std::string(226, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
+
+    // The empty path resolves to the current directory, or to nothing once that is gone.
+    EXPECT_EQ(0, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
+    {
+        TempDir gone;
+        const std::string here = Common::OSAbstractLayer::osal_getProgramPath();
+        ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(gone.path().c_str()));
+        ASSERT_EQ(0, rmdir(gone.path().c_str()));
+        EXPECT_EQ(1703, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
+        ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(here.c_str()));
+    }
+    agent->unregisterApp();
+    EXPECT_EQ(1700, agent->sendFile("/x", &app, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(1800, agent->sendFileList(&empty, &app, nullptr, nullptr, &taskID, false, 0));
+}
+
+TEST_F(FileTest, ProgressGoesToTheSendersCallbackAndControlsCarryTheTaskID) {
+    registerAgent();
+    answerSendFile(ACTION_SEND_FILE, 77);
+    const InteractionApp app = target();
+    uint32_t taskID = 0;
+    ASSERT_EQ(0, agent->sendFile("/data/a.txt", &app, CallbackRecorder::onFile, &user, &taskID, false, 0));
+    SendFileStatusRes progress;
+    progress.nTaskID = 78;
+    ASSERT_TRUE(service->push(encode(progress)));  // another task: nobody is told
+    progress.nTaskID = 77;
+    progress.ullCurrentSize = 5;
+    progress.ullListTotalSize = 9;
+    progress.receiver = app;
+    ASSERT_TRUE(service->push(encode(progress)));
+    ASSERT_TRUE(callbacks.waitFor("file", 1));
+    EXPECT_FALSE(callbacks.waitFor("file", 2, 300));
+    const CallbackRecord record = callbacks.of("file")[0];
+    EXPECT_EQ(&user, record.user);
+    EXPECT_EQ(77, record.fileEvent.nId);
+    EXPECT_EQ(5u, record.fileEvent.ullCurrentSize);
+    EXPECT_EQ(9u, record.fileEvent.ullListTotalSize);
+    EXPECT_STREQ("10.0.0.9", record.fileEvent.strOtherSideIP);
+
+    for (int32_t code : {ACTION_PAUSE_SEND, ACTION_RESUME_SEND, ACTION_CANCEL_RECEIVE, ACTION_CANCEL_SEND}) {
+        service->answer(code, body(code, {77, 0}));
+    }
+    const std::vector<std::pair<int32_t, std::function<int()>>> controls = {
+        {ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77); }},
+        {ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77UL); }},
+        {ACTION_RESUME_SEND, [&] { return agent->resumeSend(77); }},
+        {ACTION_RESUME_SEND, [&] { return agent->resumeSend(77UL); }},
+        {ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77); }},
+        {ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77UL); }},
+        {ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77); }},
+        {ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77UL); }},
+    };
+    for (const auto& control : controls) {
+        EXPECT_EQ(0, control.second());
+        EXPECT_EQ(body(control.first, {77}), lastRequest(control.first));
+    }
+    EXPECT_EQ(0, agent->deleteSendFileCallback(77));
+    EXPECT_EQ(1, agent->deleteSendFileCallback(77));
+    agent->unregisterApp();
+    EXPECT_EQ(2000, agent->pauseSend(77));
+    EXPECT_EQ(1100, agent->deleteSendFileCallback(77));
+}
+
+TEST_F(FileTest, ReceiveOptionsAreCheckedSentAndKept) {
+    EXPECT_EQ(2102, agent->setReceiveOption(nullptr));
+    ReceiveOption option;
+    EXPECT_EQ(2100, agent->setReceiveOption(&option));
+    EXPECT_EQ(2200, agent->getReceiveOption(&option));
+    registerAgent();
+    EXPECT_EQ(2202, agent->getReceiveOption(nullptr));
+    strcpy(option.directory, "/sdcard/in");
+    option.rename = false;
+    option.percent = 25;
+    option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
+    answerResult(ACTION_SET_RECEIVE_OPTION, 4);
+    EXPECT_EQ(4, agent->setReceiveOption(&option)) << "kept whatever the result";
+    const Bytes request = lastRequest(ACTION_SET_RECEIVE_OPTION);
+    ASSERT_EQ(271u, request.size());
+    EXPECT_EQ("/sdcard/in", readText(request, 4, 260));
+    EXPECT_EQ((Bytes{0, 0, 1}), Bytes(request.begin() + 264, request.begin() + 267));
+    EXPECT_EQ(25, readInt32(request, 267));
+    ReceiveOption saved;
+    ASSERT_EQ(0, agent->getReceiveOption(&saved));
+    EXPECT_STREQ("/sdcard/in", saved.directory);
+    EXPECT_EQ(25, saved.percent);
+    EXPECT_EQ(CallbackRecorder::onReceiveFile, saved.pfnReceiveFile);
+}
+
+class MediaTest : public AgentTest {
+protected:
+    DLNADevice device(const char* name, DLNA_DEVICE_TYPE type) {
+        DLNADevice record;
+        strcpy(record.name, name);
+        record.type = type;
+        return record;
+    }
+    FileInfo item(const char* title) {
+        FileInfo record;
+        strcpy(record.objectTitle, title);
+        return record;
+    }
+};
+
+TEST_F(MediaTest, EachOperationSendsItsActionAndLayout) {
+    registerAgent();
+    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
+    const DLNADevice renderer = device("renderer", DLNA_DEVICE_DMR);
+    const FileInfo folder = item("folder");
+    const std::vector<FileInfo> files = {item("one"), item("two")};
+    struct Case {
+        int32_t actionID;
+        size_t size;
+        std::function<int()> call;
+    };
+    int taskID = 0;
+    FileInfo parent;
+    LocalNetworkDevice network;
+    std::vector<InteractionApp> apps;
+    const std::vector<Case> cases = {
+        {29, 8, [&] { return agent->stopCopyTransfer(4); }},
+        {35, 1240 + 2 * 1844, [&] { return agent->playSelectedFile(1, &renderer, &files, &server, nullptr, nullptr, 9); }},
+        {36, 616, [&] { return agent->stopCurPlayingFile(&renderer); }},
+        {37, 616, [&] { return agent->pauseCurPlayingFile(&renderer); }},
+        {38, 616, [&] { return agent->resumeCurPlayingFile(&renderer); }},
+        {42, 616, [&] { return agent->enableContentListCache(&server); }},
+        {43, 616, [&] { return agent->disableContentListCache(&server); }},
+        {27, 4, [&] { return agent->startDMS(); }},
+        {28, 4, [&] { return agent->stopDMS(); }},
+        {21, 264, [&] { return agent->setShareFolder("/sdcard/share"); }},
+        {30, 4, [&] { return agent->rescanShareFolder(); }},
+        {31, 264, [&] { return agent->setMyDMSName("my server"); }},
+        {33, 8, [&] { return agent->rescanNetwork(DLNA_DEVICE_DMR); }},
+        {49, 5, [&] { return agent->refreshInteractionApp(true); }},
+        {47, 1848, [&] { return agent->getParentDirectoryInfo(&folder, &parent); }},
+        {39, 3076 + 2 * 1844, [&] { return agent->copyFileList(&server, &renderer, &files, &folder, nullptr, &taskID); }},
+        {40, 3076 + 2 * 1844, [&] { return agent->copyFileList(&server, &files, nullptr, &taskID); }},
+        {17, 4, [&] { return agent->getLocalNetworkInfo(&network); }},
+        {44, 4, [&] { return agent->searchInteractionApp(&apps); }},
+    };
+    for (const Case& c : cases) {
+        // Zeros after the action ID read as an empty, successful reply of every layout here.
+        service->answer(c.actionID, BodyBuilder(c.actionID).zeros(1848).build());
+        EXPECT_EQ(0, c.call()) << c.actionID;
+        const Bytes request = lastRequest(c.actionID);
+        EXPECT_EQ(c.size, request.size()) << c.actionID;
+    }
+    const Bytes play = lastRequest(35);
+    EXPECT_EQ("server", readText(play, 4, 260));
+    EXPECT_EQ("renderer", readText(play, 616, 260));
+    EXPECT_EQ(2, readInt32(play, 1228));
+    EXPECT_EQ("two", readText(play, 1232 + 1844 + 300, 260));
+    EXPECT_EQ(1, readInt32(play, 1232 + 2 * 1844));
+    EXPECT_EQ(9, readInt32(play, 1236 + 2 * 1844));
+    EXPECT_EQ("renderer", readText(lastRequest(36), 4, 260));
+    EXPECT_EQ(4, readInt32(lastRequest(29), 4));
+    EXPECT_EQ(1, readInt32(lastRequest(33), 4));
+    EXPECT_EQ(1, lastRequest(49)[4]);
+    EXPECT_EQ("/sdcard/share", readText(lastRequest(21), 4, 260));
+    const Bytes upload = lastRequest(39);
+    EXPECT_EQ("renderer", readText(upload, 616, 260));
+    EXPECT_EQ("folder", readText(upload, 1232 + 2 * 1844 + 300, 260));
+}
+
+TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
+    registerAgent();
+    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
+    const FileInfo folder = item("folder");
+    SearchDeviceRes found(ACTION_SEARCH_DMS);
+    found.devices = {server, device("second", DLNA_DEVICE_DMS)};
+    found.nResult = 0;
+    service->answer(ACTION_SEARCH_DMS, encode(found));
+    std::vector<DLNADevice> devices(1);
+    ASSERT_EQ(0, agent->searchDMS(&devices));
+    ASSERT_EQ(3u, devices.size());
+    EXPECT_STREQ("second", devices[2].name);
+
+    for (int32_t actionID : {ACTION_GET_ROOT_FILE_LIST, ACTION_GET_CHILD_FILE_LIST, ACTION_GET_PARENT_FILE_LIST}) {
+        GetFileListRes listing(actionID);
+        listing.items = {item("a"), item("b")};
+        listing.nResult = 0;
+        service->answer(actionID, encode(listing));
+    }
+    std::vector<FileInfo> items(1);
+    ASSERT_EQ(0, agent->getFileList(&server, &items));
+    ASSERT_EQ(0, agent->getFileList(&server, &folder, &items));
+    ASSERT_EQ(0, agent->getParentFileList(&server, &folder, &items));
+    ASSERT_EQ(7u, items.size());
+    EXPECT_STREQ("b", items[6].objectTitle);
+    EXPECT_EQ("folder", readText(lastRequest(ACTION_GET_CHILD_FILE_LIST), 616 + 300, 260));
+    const Bytes root = lastRequest(ACTION_GET_ROOT_FILE_LIST);
+    EXPECT_EQ(Bytes(1844, 0), Bytes(root.begin() + 616, root.end())) << "the root has no folder";
+
+    GetLocalNetworkDeviceRes network;
+    strcpy(network.device.szHostName, "phone");
+    network.device.networkCards.resize(2);
+    network.nResult = 0;
+    service->answer(ACTION_GET_LOCAL_NETWORK_DEVICE, encode(network));
+    LocalNetworkDevice described;
+    described.networkCards.resize(1);
+    ASSERT_EQ(0, agent->getLocalNetworkInfo(&described));
+    EXPECT_STREQ("phone", described.szHostName);
+    EXPECT_EQ(3u, described.networkCards.size());
+
+    SearchAppRes appsFound;
+    appsFound.apps.resize(2);
+    appsFound.nResult = 0;
+    service->answer(ACTION_SEARCH_APP, encode(appsFound));
+    std::vector<InteractionApp> apps(2);
+    ASSERT_EQ(0, agent->searchInteractionApp(&apps));
+    EXPECT_EQ(4u, apps.size());
+
+    Bytes lying = encode(found);
+    lying[0] = ACTION_SEARCH_DMR;
+    lying[4] = 3;  // claims three devices; two follow
+    service->answer(ACTION_SEARCH_DMR, lying);
+    devices.clear();
+    EXPECT_EQ(1, agent->searchDMR(&devices)) << "a reply that cannot be read counts as a failure";
+    EXPECT_TRUE(devices.empty());
+}
+
+TEST_F(MediaTest, NullArgumentsAndRegistrationGiveTheFamilyCodes) {
+    std::vector<DLNADevice> devices;
+    EXPECT_EQ(1001, agent->searchDLNADevice(nullptr, 22)) << "checked before registration";
+    EXPECT_EQ(1002, agent->searchDMS(&devices));
+    EXPECT_EQ(1002, agent->stopCopyTransfer(1));
+    EXPECT_EQ(1002, agent->startDMS());
+    EXPECT_EQ(2500, agent->getLocalNetworkInfo(nullptr));
+    EXPECT_EQ(2300, agent->searchInteractionApp(nullptr));
+    EXPECT_EQ(2400, agent->refreshInteractionApp(false));
+    EXPECT_EQ(2700, agent->getInteractionAppList(nullptr));
+    registerAgent();
+    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
+    std::vector<FileInfo> items;
+    int taskID = 0;
+    EXPECT_EQ(1001, agent->getFileList(nullptr, &items));
+    EXPECT_EQ(1001, agent->getFileList(&server, nullptr, &items));
+    EXPECT_EQ(1001, agent->getParentDirectoryInfo(nullptr, nullptr));
+    EXPECT_EQ(1001, agent->copyFileList(&server, nullptr, nullptr, &taskID));
+    EXPECT_EQ(1001, agent->playSelectedFile(0, nullptr, &items, &server, nullptr, nullptr, 0));
+    EXPECT_EQ(1001, agent->stopCurPlayingFile(nullptr));
+    EXPECT_EQ(1001, agent->setMyDMSName(nullptr));
+    EXPECT_EQ(2502, agent->getLocalNetworkInfo(nullptr));
+    EXPECT_EQ(2302, agent->searchInteractionApp(nullptr));
+    EXPECT_EQ(2701, agent->getInteractionAppList(nullptr));
+    EXPECT_TRUE(service->received(ACTION_GET_ROOT_FILE_LIST).empty());
+}
+
+TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
+    registerAgent(true, false);
+    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
+    const std::vector<FileInfo> files = {item("movie")};
+    CopyFileRes started;
+    started.actionID = ACTION_DOWNLOAD_FILE;
+    started.nTaskID = 55;
+    started.nResult = 0;
+    service->answer(ACTION_DOWNLOAD_FILE, encode(started));
+    int taskID = 0;
+    ASSERT_EQ(0, agent->copyFileList(&server, &files, CallbackRecorder::onFile, &taskID));
+    EXPECT_EQ(55, taskID);
+
+    DMFileCopyRes progress;
+    progress.nTaskID = 55;
+    progress.ullCurrentSize = 100;
+    progress.otherSide = server;
+    Wire::CopyText(progress.otherSide.IPv4, "10.0.0.40");
+    const Bytes wire = encode(progress);
+    ASSERT_EQ(928u, wire.size());
+    ASSERT_TRUE(service->push(wire));
+    DMDeviceChangeRes change;
+    change.nChangeType = 2;
+    change.device = device("gone", DLNA_DEVICE_DMR);
+    ASSERT_TRUE(service->push(encode(change)));
+    ASSERT_TRUE(callbacks.waitFor("device", 1));
+    ASSERT_EQ(1u, callbacks.of("file").size());
+    const CallbackRecord copy = callbacks.of("file")[0];
+    EXPECT_EQ(&user, copy.user) << "copies report with the registration user pointer";
+    EXPECT_EQ(100u, copy.fileEvent.ullCurrentSize);
+    EXPECT_STREQ("10.0.0.40", copy.fileEvent.strOtherSideIP);
+    const CallbackRecord gone = callbacks.of("device")[0];
+    EXPECT_EQ(2, gone.status);
+    EXPECT_STREQ("gone", gone.device.name);
+    EXPECT_EQ(&user, gone.user);
+
+    // A copy whose call fails files no callback.
+    service->on(ACTION_DOWNLOAD_FILE, [this](const Bytes&) {
+        service->closeConnection();
+        return std::vector<FakeService::Reply>{};
+    });
+    EXPECT_NE(0, agent->copyFileList(&server, &files, CallbackRecorder::onFile, &taskID));
+    EXPECT_EQ(55, taskID);
+    EXPECT_EQ(nullptr, agent->getFileCopyCallBack(56).pfnCallBack);
+    EXPECT_NE(nullptr, agent->getFileCopyCallBack(55).pfnCallBack);
+}
+
+}  // namespace

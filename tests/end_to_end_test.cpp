@@ -1,0 +1,319 @@
+// The library end to end: pelk-emulator as the service, "alice" as a pelk listen process, and
+// "tester", an agent in this process. Other pelk processes come and go as "bob".
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "ServiceCodes.h"
+#include "support/AgentFixture.h"
+#include "support/ChildProcess.h"
+#include "support/TempDir.h"
+
+using namespace PELK;
+using namespace PELK::Emulator;
+using pelktest::CallbackRecord;
+using pelktest::CallbackRecorder;
+using pelktest::ChildProcess;
+
+namespace {
+
+// Under the sanitizers every process here is several times slower.
+constexpr int kWaitMs = 20000;
+// Reconnection takes the agent 3 s and then up to 6 s more, by design.
+constexpr int kReconnectMs = 30000;
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+std::string pattern(size_t size, unsigned seed) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = static_cast<char>((i * 2654435761u + seed) >> 13);
+    }
+    return text;
+}
+
+class EndToEndTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mkdir(dir.file("media").c_str(), 0755);
+        mkdir(dir.file("media/Music").c_str(), 0755);
+        mkdir(dir.file("alice").c_str(), 0755);
+        mkdir(dir.file("tester").c_str(), 0755);
+        dir.write("media/Music/track.mp3", pattern(3 << 20, 1));
+        dir.write("media/readme.txt", "served by the emulator");
+        startEmulator();
+        alice.reset(new ChildProcess({PELK_CLI, "listen", "--name", "alice", "--number", "11", "--receive-dir",
+                                      dir.file("alice"), "--verbose"},
+                                     dir.file("alice.out")));
+        ASSERT_TRUE(alice->awaitOutput("listening as", kWaitMs)) << alice->output();
+        callbacks.clear();
+        ASSERT_EQ(0, agent.registerApp("tester", 12, nullptr, CallbackRecorder::onApp, CallbackRecorder::onDevice));
+        ReceiveOption option;
+        Wire::CopyText(option.directory, dir.file("tester").c_str());
+        option.pfnReceiveData = CallbackRecorder::onReceiveData;
+        option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
+        ASSERT_EQ(0, agent.setReceiveOption(&option));
+        ASSERT_TRUE(appeared("alice"));
+    }
+
+    void TearDown() override {
+        agent.unregisterApp();
+        // Both end cleanly on SIGTERM; a sanitizer's report would change their status.
+        alice->signal(SIGTERM);
+        EXPECT_EQ(0, alice->wait(kWaitMs));
+        emulator->signal(SIGTERM);
+        EXPECT_EQ(0, emulator->wait(kWaitMs));
+        if (HasFailure()) {
+            std::cout << "--- emulator\n" << emulator->output() << "--- alice\n" << alice->output();
+        }
+    }
+
+    void startEmulator() {
+        // 8 MiB/s: slow enough to pause a transfer midway, fast enough for 10 MiB in a test.
+        emulator.reset(new ChildProcess({PELK_EMULATOR, "--media", dir.file("media"), "--rate", "8M"},
+                                        dir.file("emulator.log")));
+        ASSERT_TRUE(emulator->awaitOutput("listening on 127.0.0.1:20014", kWaitMs)) << emulator->output();
+    }
+
+    // Runs pelk as bob to its end; its exit status, with its output in `output`.
+    int pelk(const std::vector<std::string>& args, std::string& output) {
+        std::vector<std::string> argv = {PELK_CLI, args.at(0), "--name", "bob", "--verbose"};
+        argv.insert(argv.end(), args.begin() + 1, args.end());
+        output.clear();
+        return pelktest::runToEnd(argv, dir.file("bob.out"), output);
+    }
+
+    // The agent's app callback has reported name with this status.
+    bool appeared(const std::string& name, int status = Agent::APP_STATUS_CHANGE_ADD) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+        do {
+            for (const CallbackRecord& record : callbacks.of("app")) {
+                if (record.status == status && name == record.app.szAppName) {
+                    return true;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        } while (std::chrono::steady_clock::now() < deadline);
+        return false;
+    }
+
+    InteractionApp appNamed(const std::string& name) {
+        std::vector<InteractionApp> apps;
+        EXPECT_EQ(0, agent.getInteractionAppList(&apps));
+        for (const InteractionApp& app : apps) {
+            if (name == app.szAppName) {
+                return app;
+            }
+        }
+        ADD_FAILURE() << "no app " << name;
+        return InteractionApp();
+    }
+
+    // The progress events of one transfer move forward and end at the whole list.
+    static void expectMonotonicToTheTotal(const std::vector<file_transfer_event>& events, uint64_t total) {
+        ASSERT_FALSE(events.empty());
+        uint64_t before = 0;
+        int64_t file = 0;
+        for (const file_transfer_event& event : events) {
+            EXPECT_GE(event.nCurrentCount, file);
+            EXPECT_TRUE(event.nCurrentCount > file || event.ullCurrentSize >= before);
+            file = event.nCurrentCount;
+            before = event.ullCurrentSize;
+            EXPECT_EQ(total, event.ullListTotalSize);
+        }
+        EXPECT_EQ(FILE_EVENT_LIST_DONE, events.back().nEventType);
+        EXPECT_EQ(events.back().nTotalCount, events.back().nCurrentCount);
+    }
+
+    std::vector<file_transfer_event> fileEvents(const char* kind) {
+        std::vector<file_transfer_event> events;
+        for (const CallbackRecord& record : callbacks.of(kind)) {
+            events.push_back(record.fileEvent);
+        }
+        return events;
+    }
+
+    pelktest::TempDir dir;
+    std::unique_ptr<ChildProcess> emulator;
+    std::unique_ptr<ChildProcess> alice;
+    pelktest::TestAgent agent;
+    CallbackRecorder& callbacks = CallbackRecorder::instance();
+};
+
+TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
+    ASSERT_TRUE(alice->awaitOutput("app joined: \"tester\" 127.0.0.1:", kWaitMs));
+    const InteractionApp alicesRecord = appNamed("alice");
+    EXPECT_EQ(11, alicesRecord.nType);
+    EXPECT_EQ(0, alicesRecord.fLocalDevice);
+
+    const std::string text = "hello alice";
+    EXPECT_EQ(0, agent.sendData(text.data(), static_cast<unsigned int>(text.size()), &alicesRecord, false, 10));
+    EXPECT_TRUE(alice->awaitOutput("data from \"tester\" 127.0.0.1:" + std::to_string(agent.getAppID()) +
+                                   " (tcp, 11 bytes): hello alice"));
+
+    std::string output;
+    ASSERT_EQ(0, pelk({"send", "--to", "tester", "hello tester"}, output)) << output;
+    ASSERT_TRUE(callbacks.waitFor("receive-data", 1, kWaitMs));
+    const CallbackRecord received = callbacks.of("receive-data").at(0);
+    EXPECT_EQ("hello tester", std::string(received.data.begin(), received.data.end()));
+    EXPECT_STREQ("bob", received.app.szAppName);
+
+    ASSERT_EQ(0, pelk({"apps"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("number 11  \"alice\""));
+    EXPECT_NE(std::string::npos, output.find("number 12  \"tester\""));
+}
+
+TEST_F(EndToEndTest, FilesArriveByteIdenticalWithProgressEndingAtTheTotal) {
+    const std::string big = dir.write("big.bin", pattern(10 << 20, 2));
+    std::string output;
+    ASSERT_EQ(0, pelk({"send-file", "--to", "alice", big}, output)) << output;
+    uint64_t before = 0;
+    uint64_t last = 0;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        unsigned long long done = 0;
+        unsigned long long total = 0;
+        if (sscanf(line.c_str(), "progress 1/1 big.bin %*u/%*u %llu/%llu", &done, &total) == 2) {
+            last = done;
+            EXPECT_GE(last, before);
+            before = last;
+            EXPECT_EQ(10u << 20, total);
+        }
+    }
+    EXPECT_EQ(10u << 20, last);
+    ASSERT_TRUE(alice->awaitOutput("file received: " + dir.file("alice/big.bin")));
+    EXPECT_TRUE(readFile(big) == readFile(dir.file("alice/big.bin")));
+
+    const std::vector<std::string> list = {dir.write("one.txt", pattern(100000, 3)), dir.write("two.txt", ""),
+                                           dir.write("three.bin", pattern(300000, 4))};
+    uint32_t taskID = 0;
+    const InteractionApp target = appNamed("alice");
+    ASSERT_EQ(0, agent.sendFileList(&list, &target, CallbackRecorder::onFile, nullptr, &taskID, false, 0));
+    ASSERT_TRUE(alice->awaitOutput("three.bin (300000 bytes)", kWaitMs));
+    const std::vector<file_transfer_event> events = fileEvents("file");
+    expectMonotonicToTheTotal(events, 400000);
+    EXPECT_EQ(taskID, static_cast<uint32_t>(events.back().nId));
+    for (const char* name : {"one.txt", "two.txt", "three.bin"}) {
+        EXPECT_TRUE(readFile(dir.file(name)) == readFile(dir.file(std::string("alice/") + name))) << name;
+    }
+}
+
+TEST_F(EndToEndTest, ASendPausesResumesAndCancelsAndAReceiverCancelsToo) {
+    const std::string big = dir.write("big.bin", pattern(8 << 20, 5));
+    uint32_t taskID = 0;
+    const std::vector<std::string> list = {big};
+    const InteractionApp target = appNamed("alice");
+    ASSERT_EQ(0, agent.sendFileList(&list, &target, CallbackRecorder::onFile, nullptr, &taskID, false, 0));
+    ASSERT_TRUE(callbacks.waitFor("file", 1, kWaitMs));
+    ASSERT_EQ(0, agent.pauseSend(static_cast<unsigned long>(taskID)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // events sent before the pause land
+    const size_t paused = callbacks.of("file").size();
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    EXPECT_EQ(paused, callbacks.of("file").size());
+    EXPECT_EQ(FILE_EVENT_PAUSED, callbacks.of("file").back().fileEvent.nEventType);
+
+    ASSERT_EQ(0, agent.resumeSend(static_cast<unsigned long>(taskID)));
+    ASSERT_TRUE(callbacks.waitFor("file", paused + 3, kWaitMs));
+    ASSERT_EQ(0, agent.cancelSend(static_cast<unsigned long>(taskID)));
+    ASSERT_TRUE(alice->awaitOutput("transfer " + std::to_string(taskID) + " cancelled", kWaitMs));
+    EXPECT_NE(0, access(dir.file("alice/big.bin").c_str(), F_OK));  // the partial copy is gone
+    EXPECT_EQ(RESULT_UNKNOWN_TASK, agent.pauseSend(static_cast<unsigned long>(taskID)));
+
+    // bob sends to this agent, which cancels once it hears of the transfer.
+    ChildProcess bob({PELK_CLI, "send-file", "--name", "bob", "--to", "tester", big}, dir.file("bob.out"));
+    ASSERT_TRUE(callbacks.waitFor("receive-file", 1, kWaitMs));
+    EXPECT_EQ(0, agent.cancelReceive(static_cast<unsigned long>(callbacks.of("receive-file").at(0).fileEvent.nId)));
+    EXPECT_EQ(1, bob.wait(kWaitMs));
+    EXPECT_NE(std::string::npos, bob.output().find("send-file was cancelled")) << bob.output();
+}
+
+TEST_F(EndToEndTest, TheMediaServerIsBrowsedDownloadedFromAndPlayed) {
+    std::string output;
+    ASSERT_EQ(0, pelk({"devices"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\"pelk-emulator media\""));
+    EXPECT_NE(std::string::npos, output.find("\"pelk-emulator renderer\""));
+    ASSERT_EQ(0, pelk({"browse"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("folder Music  \"Music\""));
+    EXPECT_NE(std::string::npos, output.find("item   readme.txt"));
+    ASSERT_EQ(0, pelk({"browse", "Music"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("item   Music/track.mp3  \"track.mp3\""));
+
+    mkdir(dir.file("downloads").c_str(), 0755);
+    ASSERT_EQ(0, pelk({"download", "--to-dir", dir.file("downloads"), "Music/track.mp3", "readme.txt"}, output))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("progress 2/2 readme.txt 22/22 3145750/3145750"));
+    EXPECT_TRUE(readFile(dir.file("media/Music/track.mp3")) == readFile(dir.file("downloads/track.mp3")));
+    EXPECT_EQ("served by the emulator", readFile(dir.file("downloads/readme.txt")));
+
+    ASSERT_EQ(0, pelk({"play", "Music/track.mp3"}, output)) << output;
+    EXPECT_TRUE(emulator->awaitOutput("renderer plays item 1 of 1, \"track.mp3\""));
+    ASSERT_EQ(0, pelk({"play", "--pause"}, output)) << output;
+    EXPECT_EQ(1, pelk({"play", "--resume", "--renderer", "nobody"}, output));
+}
+
+TEST_F(EndToEndTest, AnAppKilledOutrightIsReportedAsRemoved) {
+    ChildProcess victim({PELK_CLI, "listen", "--name", "victim", "--receive-dir", dir.path()}, dir.file("victim.out"));
+    ASSERT_TRUE(appeared("victim"));
+    ASSERT_TRUE(alice->awaitOutput("app joined: \"victim\""));
+    victim.signal(SIGKILL);
+    EXPECT_TRUE(appeared("victim", Agent::APP_STATUS_CHANGE_REMOVE));
+    EXPECT_TRUE(alice->awaitOutput("app left: \"victim\""));
+}
+
+TEST_F(EndToEndTest, BothAppsRegisterAgainByThemselvesAfterTheServiceRestarts) {
+    emulator->signal(SIGTERM);
+    ASSERT_EQ(0, emulator->wait(kWaitMs));
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_DISCONNECTED));
+    startEmulator();
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
+    EXPECT_TRUE(alice->awaitOutput("reconnected as \"alice\"", kReconnectMs));
+    std::string output;
+    ASSERT_EQ(0, pelk({"apps"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\"alice\""));
+    EXPECT_NE(std::string::npos, output.find("\"tester\""));
+}
+
+TEST_F(EndToEndTest, BadInputGetsAClearAnswerAndTheServiceGoesOn) {
+    std::string output;
+    EXPECT_EQ(1, pelk({"send", "--to", "nobody", "hi"}, output));
+    EXPECT_NE(std::string::npos, output.find("no other app is named \"nobody\""));
+    EXPECT_EQ(1, pelk({"send", "--to", "127.0.0.1:200", "hi"}, output));
+    EXPECT_NE(std::string::npos, output.find("send failed: 6 (the service's result: no registered app"));
+    EXPECT_EQ(1, pelk({"send-file", "--to", "alice", dir.file("missing")}, output));
+    EXPECT_NE(std::string::npos, output.find("send-file failed: 7 ("));
+    EXPECT_EQ(1, pelk({"download", "Music/none.mp3"}, output));
+    EXPECT_NE(std::string::npos, output.find("finding item Music/none.mp3 failed: 12 ("));
+    EXPECT_EQ(2, pelk({"send-file", "--to", "alice"}, output));
+
+    // A frame too short to hold an action ID: that connection is closed, nobody else's.
+    const int sock = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(20014);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, connect(sock, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
+    const unsigned char malformed[] = {2, 0, 0, 0, 'x', 'y'};
+    ASSERT_EQ(6, send(sock, malformed, sizeof(malformed), MSG_NOSIGNAL));
+    char ignored = 0;
+    EXPECT_EQ(0, recv(sock, &ignored, 1, 0));  // closed by the emulator
+    close(sock);
+    EXPECT_TRUE(emulator->awaitOutput("(malformed or oversized frame)"));
+    ASSERT_EQ(0, pelk({"apps"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\"alice\""));
+}
+
+}  // namespace

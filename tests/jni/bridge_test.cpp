@@ -1,0 +1,827 @@
+// The Java bridge in a real VM: OpenJDK, started with -Xcheck:jni, loads the built libPELKAgent.so
+// through PELKAgentNativeLib and calls the native methods from Java (Probe.call) against the fake
+// service in this process; Java listeners (Recorder) write down every call they receive. Whatever
+// the VM prints (a CheckJNI warning or error among it) fails the test.
+//
+// A process can start only one VM, and the bridge keeps its first listeners for good, so each
+// test needs a process of its own: ctest runs them so; by hand, pick one with --gtest_filter.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <jni.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/FakeService.h"
+#include "support/TempDir.h"
+
+using pelktest::body;
+using pelktest::Bytes;
+using pelktest::FakeService;
+
+// The VM is not built with the sanitizers: what it keeps until its teardown (which these tests
+// never reach), and what looks unsynchronised inside it, is not ours. Leaks are told apart by
+// their allocating frames alone (a short allocation context), since every native method runs
+// below the VM's own frames.
+extern "C" const char* __asan_default_options() { return "malloc_context_size=4"; }
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:libjvm.so\nleak:libjli.so\nleak:libjava.so\nleak:libzip.so\nleak:libz.so\n";
+}
+extern "C" const char* __tsan_default_suppressions() {
+    return "called_from_lib:libjvm.so\ncalled_from_lib:libjava.so\ncalled_from_lib:libjimage.so\n"
+           "called_from_lib:libzip.so\ncalled_from_lib:libnio.so\ncalled_from_lib:libnet.so\n"
+           "called_from_lib:libmanagement.so\ncalled_from_lib:libmanagement_ext.so\n";
+}
+
+namespace {
+
+std::atomic<const char*> g_propertyFile{nullptr};
+
+}  // namespace
+
+// The library reads its logger's settings from a fixed device path. In this process that one
+// path opens the test's own property file, which sends the library's lines to a temp file.
+extern "C" FILE* fopen(const char* path, const char* mode) {
+    using Open = FILE* (*)(const char*, const char*);
+    static const Open next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "fopen"));
+    const char* replacement = g_propertyFile.load();
+    if (path != nullptr && replacement != nullptr && strcmp(path, "/sdcard/PELK/log.properties") == 0) {
+        path = replacement;
+    }
+    return next(path, mode);
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// The VM, started once per process with the library's log going to a temp file.
+
+std::mutex g_outputMutex;
+std::string g_vmOutput;
+
+jint JNICALL captureVmOutput(FILE*, const char* format, va_list args) {
+    char text[2048];
+    const int length = vsnprintf(text, sizeof(text), format, args);
+    std::lock_guard<std::mutex> guard(g_outputMutex);
+    g_vmOutput += text;
+    return length;
+}
+
+std::string vmOutput() {
+    std::lock_guard<std::mutex> guard(g_outputMutex);
+    return g_vmOutput;
+}
+
+struct Vm {
+    pelktest::TempDir dir;
+    std::string propertyFile;
+    std::string logFile;
+    JavaVM* vm = nullptr;
+    JNIEnv* env = nullptr;
+
+    Vm() : logFile(dir.file("zt.log")) {
+        propertyFile = dir.write("log.properties", "loggerMode=2\nloggerLevel=3\nloggerFile=" + logFile + "\n");
+        g_propertyFile.store(propertyFile.c_str());
+        std::string classPath = "-Djava.class.path=" PELK_AGENT_JAR ":" PELK_PROBE_JAR;
+        std::string libraryPath = "-Djava.library.path=" PELK_AGENT_LIBRARY_DIR;
+        JavaVMOption options[] = {{const_cast<char*>("-Xcheck:jni"), nullptr},
+                                  {const_cast<char*>("-XX:+UseSerialGC"), nullptr},
+                                  {&classPath[0], nullptr},
+                                  {&libraryPath[0], nullptr},
+                                  {const_cast<char*>("vfprintf"), reinterpret_cast<void*>(captureVmOutput)}};
+        JavaVMInitArgs args{};
+        args.version = JNI_VERSION_1_6;
+        args.nOptions = sizeof(options) / sizeof(options[0]);
+        args.options = options;
+        if (JNI_CreateJavaVM(&vm, reinterpret_cast<void**>(&env), &args) != JNI_OK) {
+            env = nullptr;
+        }
+    }
+
+    static Vm& get() {
+        static Vm instance;
+        return instance;
+    }
+};
+
+// The library's log lines: "<level>/<function>(<line>): <message> ".
+bool logged(char level, const std::string& function, const std::string& message) {
+    std::ifstream file(Vm::get().logFile);
+    const std::string head = std::string(1, level) + "/" + function + "(";
+    for (std::string line; std::getline(file, line);) {
+        const size_t colon = line.find("): ");
+        if (line.compare(0, head.size(), head) == 0 && colon != std::string::npos &&
+            line.substr(colon + 3) == message + " ") {
+            return true;
+        }
+    }
+    return false;
+}
+
+const std::string kNative = "Java_com_quorvik_kolt_pelk_agent_PELKAgentNativeLib_";
+
+// ---------------------------------------------------------------------------------------------
+// Bodies written from the offset tables, and fields read back from requests.
+
+class Out {
+public:
+    explicit Out(int32_t actionID = 0, bool withAction = true) {
+        if (withAction) {
+            i32(actionID);
+        }
+    }
+    Out& i32(int32_t v) { return raw(&v, 4); }
+    Out& i64(int64_t v) { return raw(&v, 8); }
+    Out& u8(uint8_t v) { return raw(&v, 1); }
+    Out& text(const std::string& s, size_t size) {
+        Bytes field(size, 0);
+        memcpy(field.data(), s.data(), std::min(s.size(), size));
+        return add(field);
+    }
+    Out& add(const Bytes& more) {
+        bytes.insert(bytes.end(), more.begin(), more.end());
+        return *this;
+    }
+    Out& raw(const void* data, size_t size) {
+        const uint8_t* p = static_cast<const uint8_t*>(data);
+        bytes.insert(bytes.end(), p, p + size);
+        return *this;
+    }
+    operator const Bytes&() const { return bytes; }
+    Bytes bytes;
+};
+
+Bytes appRecord(const std::string& name, int id, int type, const std::string& ip, const std::string& mac, bool local) {
+    return Out(0, false).text(name, 260).i32(id).i32(type).text(ip, 16).text(mac, 18).u8(local).u8(0);
+}
+
+Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local) {
+    return Out(0, false).text(name, 260).i32(type).text(uuid, 100).text(ip, 16).u8(local).add(Bytes(231, 0));
+}
+
+Bytes fileRecord(const std::string& id, const std::string& title) {
+    return Out(0, false)
+        .text("uuid:srv", 100)
+        .text("0", 100)
+        .text(id, 100)
+        .text(title, 260)
+        .text("video", 260)
+        .text("http://10.0.0.5/" + id, 1024);
+}
+
+// The head of the file events 14, 19 and 41.
+Out fileEventHead(int32_t action, int32_t taskID, const std::string& name) {
+    Out out(action);
+    out.i32(0).i64(5000000001).i64(5000000002).i64(5000000003).i32(2).i32(taskID).i32(1).i32(3).text(name, 260);
+    return out;
+}
+
+constexpr int kAppID = 7;  // what the fake service assigns at registration
+
+// The tag that a send carries and its status events bring back: the two apps' low bytes.
+Bytes sendTag(int remoteAppID) {
+    return Out(0, false).u8(kAppID).u8(static_cast<uint8_t>(remoteAppID)).u8(3).u8(0).i32(0);
+}
+
+// The bytes of a field, or none (a failure) when the body is too short for it.
+std::string fieldAt(const Bytes& b, size_t offset, size_t size) {
+    if (offset + size > b.size()) {
+        ADD_FAILURE() << "a body of " << b.size() << " bytes has no field at " << offset;
+        return std::string(size, '\0');
+    }
+    return std::string(b.begin() + static_cast<long>(offset), b.begin() + static_cast<long>(offset + size));
+}
+
+int32_t int32At(const Bytes& b, size_t offset) {
+    int32_t v = 0;
+    memcpy(&v, fieldAt(b, offset, 4).data(), 4);
+    return v;
+}
+
+// A text field up to its terminator.
+std::string textAt(const Bytes& b, size_t offset, size_t size) {
+    const std::string field = fieldAt(b, offset, size);
+    return field.substr(0, strnlen(field.c_str(), size));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The fixture: the fake service, the VM, and Java values made on the test's thread.
+
+constexpr const char* kProbe = "com/quorvik/kolt/pelk/agent/probe/Probe";
+constexpr const char* kDeviceClass = "com/quorvik/kolt/pelk/agent/DLNADevice";
+constexpr const char* kFileInfoClass = "com/quorvik/kolt/pelk/agent/FileInfo";
+
+class BridgeTest : public ::testing::Test {
+protected:
+    FakeService service;
+    JNIEnv* env = nullptr;
+
+    void SetUp() override {
+        static int testsInThisProcess = 0;
+        ASSERT_EQ(++testsInThisProcess, 1) << "each test needs a VM of its own; run one test per process";
+        ASSERT_TRUE(service.listening());
+        ASSERT_NE(Vm::get().env, nullptr) << "the VM did not start";
+        ASSERT_EQ(Vm::get().env->PushLocalFrame(4096), JNI_OK);
+        env = Vm::get().env;
+        service.answer(1, body(1, {kAppID, 0}));
+        service.answer(2, body(2, {0}));
+    }
+
+    void TearDown() override {
+        if (env == nullptr) {
+            return;
+        }
+        if (callInt("getAppID", {}) > 0) {
+            EXPECT_EQ(callInt("unRegisterApp", {}), 0);
+        }
+        env->PopLocalFrame(nullptr);
+        EXPECT_EQ(vmOutput(), "") << "the VM reported the lines above";
+    }
+
+    void expectNoException() {
+        if (env->ExceptionCheck()) {
+            env->ExceptionDescribe();
+            env->ExceptionClear();
+            ADD_FAILURE() << "a Java exception (described above)";
+        }
+    }
+
+    jstring str(const std::string& s) { return env->NewStringUTF(s.c_str()); }
+
+    jbyteArray bytes(const std::string& s) {
+        jbyteArray array = env->NewByteArray(static_cast<jsize>(s.size()));
+        env->SetByteArrayRegion(array, 0, static_cast<jsize>(s.size()), reinterpret_cast<const jbyte*>(s.data()));
+        return array;
+    }
+
+    jobject make(const char* className, const char* signature, ...) {
+        jclass cls = env->FindClass(className);
+        va_list args;
+        va_start(args, signature);
+        jobject obj = env->NewObjectV(cls, env->GetMethodID(cls, "<init>", signature), args);
+        va_end(args);
+        expectNoException();
+        return obj;
+    }
+    jobject integer(int v) { return make("java/lang/Integer", "(I)V", v); }
+    jobject boolean(bool v) { return make("java/lang/Boolean", "(Z)V", v ? JNI_TRUE : JNI_FALSE); }
+    jobject recorder() { return make("com/quorvik/kolt/pelk/agent/probe/Recorder", "()V"); }
+    jobject device(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local) {
+        return make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", str(name), type,
+                    str(uuid), str(ip), local ? JNI_TRUE : JNI_FALSE);
+    }
+    // A FileInfo whose texts are derived from id; a null title when title is "(null)".
+    jobject file(const std::string& id, const std::string& title) {
+        return make(kFileInfoClass,
+                    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
+                    "Ljava/lang/String;)V",
+                    str("uuid:srv"), str("0"), str(id), title == "(null)" ? nullptr : str(title), str("video"),
+                    str("http://10.0.0.5/" + id));
+    }
+    jobjectArray array(const char* className, const std::vector<jobject>& elements) {
+        jobjectArray a = env->NewObjectArray(static_cast<jsize>(elements.size()), env->FindClass(className), nullptr);
+        for (size_t i = 0; i < elements.size(); ++i) {
+            env->SetObjectArrayElement(a, static_cast<jsize>(i), elements[i]);
+        }
+        return a;
+    }
+
+    jobject probe(const char* method, const char* signature, ...) {
+        jclass cls = env->FindClass(kProbe);
+        va_list args;
+        va_start(args, signature);
+        jobject result = env->CallStaticObjectMethodV(cls, env->GetStaticMethodID(cls, method, signature), args);
+        va_end(args);
+        expectNoException();
+        return result;
+    }
+    int probeInt(const char* method) {
+        jclass cls = env->FindClass(kProbe);
+        const int value = env->CallStaticIntMethod(cls, env->GetStaticMethodID(cls, method, "()I"));
+        expectNoException();
+        return value;
+    }
+
+    // Calls the native method from Java, as an app would.
+    jobject call(const char* method, const std::vector<jobject>& args) {
+        return probe("call", "(Ljava/lang/String;[Ljava/lang/Object;)Ljava/lang/Object;", str(method),
+                     array("java/lang/Object", args));
+    }
+    int callInt(const char* method, const std::vector<jobject>& args) {
+        jobject result = call(method, args);
+        if (result == nullptr) {
+            return INT32_MIN;
+        }
+        const int value = env->CallIntMethod(result, env->GetMethodID(env->GetObjectClass(result), "intValue", "()I"));
+        expectNoException();
+        return value;
+    }
+
+    std::string text(jobject javaString) {
+        if (javaString == nullptr) {
+            return "(no text)";
+        }
+        const char* chars = env->GetStringUTFChars(static_cast<jstring>(javaString), nullptr);
+        std::string result(chars);
+        env->ReleaseStringUTFChars(static_cast<jstring>(javaString), chars);
+        return result;
+    }
+    std::string describe(jobject value) {
+        return text(probe("describe", "(Ljava/lang/Object;)Ljava/lang/String;", value));
+    }
+    // The recorder's next call, as one line.
+    std::string next(jobject recorder) {
+        jobject call = env->CallObjectMethod(
+            recorder, env->GetMethodID(env->GetObjectClass(recorder), "next", "()Ljava/lang/String;"));
+        expectNoException();
+        return text(call);
+    }
+    int count(jobject recorder) {
+        const int n = env->CallIntMethod(recorder, env->GetMethodID(env->GetObjectClass(recorder), "count", "()I"));
+        expectNoException();
+        return n;
+    }
+    bool awaitCount(jobject recorder, int n, long timeoutMs) {
+        const jboolean reached = env->CallBooleanMethod(
+            recorder, env->GetMethodID(env->GetObjectClass(recorder), "awaitCount", "(IJ)Z"), n, jlong{timeoutMs});
+        expectNoException();
+        return reached == JNI_TRUE;
+    }
+    // Waits until the VM knows this many threads (a delivering thread detaches after its call).
+    bool awaitLiveThreads(int n) {
+        for (int i = 0; i < 500 && probeInt("liveThreads") != n; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return probeInt("liveThreads") == n;
+    }
+
+    void registerApp(jobject appListener, jobject deviceListener) {
+        ASSERT_EQ(callInt("registerApp", {str("demo"), integer(3), appListener, deviceListener}), 0);
+        ASSERT_EQ(callInt("getAppID", {}), kAppID);
+    }
+
+    // The last request with this action ID (empty when none came).
+    Bytes request(int32_t actionID) {
+        service.waitForRequests(actionID, 1);
+        const std::vector<Bytes> requests = service.received(actionID);
+        return requests.empty() ? Bytes{} : requests.back();
+    }
+};
+
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
+    jobject apps = recorder();
+    jobject devices = recorder();
+    registerApp(apps, devices);
+    const Bytes reg = request(1);
+    EXPECT_EQ(int32At(reg, 4), 3);
+    EXPECT_EQ(textAt(reg, 8, 260), "demo");
+    EXPECT_EQ(fieldAt(reg, 268, 2), "\1\1") << "device and app events wanted";
+    EXPECT_TRUE(logged('D', "registerApp", "ActionAgentWrapper::registerApp() ------ Registe app:7 successful."));
+    EXPECT_EQ(describe(call("getInteractionAppList", {})), "[]") << "no app known yet: an empty array";
+
+    service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "aa:bb:cc:dd:ee:ff", true)));
+    EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true} 1");
+    service.push(Out(32).i32(0).i32(2).add(deviceRecord("Living room", 1, "uuid:tv", "10.0.0.5", false)));
+    EXPECT_EQ(next(devices), "onDLNADeviceChange device{Living room,1,uuid:tv,10.0.0.5,false} 2");
+
+    EXPECT_EQ(describe(call("getInteractionAppList", {})), "[app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true}]");
+    service.answer(44, Out(44).i32(1).add(appRecord("far", 30, 1, "10.0.0.30", "", false)).i32(0));
+    EXPECT_EQ(describe(call("searchInteractionApp", {})), "[app{far,30,1,10.0.0.30,,false}]");
+    EXPECT_TRUE(logged('I', kNative + "searchInteractionApp", "searchInteractionApp contains 1 apps!"));
+    service.answer(49, body(49, {0}));
+    EXPECT_EQ(callInt("refreshInteractionApp", {boolean(true)}), 0);
+    EXPECT_EQ(fieldAt(request(49), 4, 1), "\1");
+
+    EXPECT_EQ(callInt("unRegisterApp", {}), 0);
+    EXPECT_EQ(int32At(request(2), 4), kAppID);
+    EXPECT_EQ(describe(call("getInteractionAppList", {})), "null") << "not registered: the agent's code, no array";
+}
+
+TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
+    registerApp(recorder(), nullptr);
+    EXPECT_EQ(fieldAt(request(1), 268, 1), std::string(1, '\0')) << "no device listener, no device events";
+    service.answer(18, body(18, {4}));
+    // The length asked for is cut to the array: nothing past its end is read.
+    EXPECT_EQ(
+        callInt("sendData", {bytes("hello"), integer(100), str("10.0.0.2"), integer(12), boolean(true), integer(3)}),
+        4);
+    const Bytes tcp = request(18);
+    EXPECT_EQ(int32At(tcp, 4 + 260), 12);
+    EXPECT_EQ(textAt(tcp, 4 + 268, 16), "10.0.0.2");
+    EXPECT_EQ(fieldAt(tcp, 308, 1), "\1");
+    EXPECT_EQ(int32At(tcp, 309), 3000) << "3 s";
+    EXPECT_EQ(int32At(tcp, 313), 5);
+    EXPECT_EQ(fieldAt(tcp, 317, 5), "hello");
+    EXPECT_TRUE(logged('D', kNative + "sendData", kNative + "sendData: buf: hello!"));
+    EXPECT_TRUE(logged('D', "sendData", "ActionAgentWrapper::sendData() ------ nReturn for Send data: 4"));
+
+    // The address is written over "127.0.0.1", so a shorter one keeps that text's tail.
+    service.answer(48, body(48, {0}));
+    EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("1.2.3.4"), integer(12), boolean(false), nullptr}),
+              0);
+    const Bytes udp = request(48);
+    EXPECT_EQ(fieldAt(udp, 4 + 268, 16), std::string("1.2.3.4\0"
+                                                     "1\0\0\0\0\0\0\0",
+                                                     16));
+    EXPECT_EQ(fieldAt(udp, 308, 1), std::string(1, '\0'));
+
+    service.answer(16, body(16, {0}));
+    EXPECT_EQ(callInt("broadcast", {bytes("b"), integer(1), str("10.0.0.255"), boolean(true)}), 0);
+    EXPECT_EQ(textAt(request(16), 4 + 268, 16), "10.0.0.255");
+    EXPECT_EQ(callInt("sendUDPDataAll", {bytes("all"), integer(3), boolean(false)}), 0);
+    const Bytes all = request(16);
+    EXPECT_EQ(textAt(all, 4 + 268, 16), "0.0.0.0");
+    EXPECT_EQ(fieldAt(all, 313, 3), "all");
+}
+
+TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
+    registerApp(recorder(), nullptr);
+    jobject first = recorder();
+    jobject second = recorder();
+    EXPECT_EQ(callInt("asynSendData", {bytes("one"), integer(3), str("10.0.0.2"), integer(12), boolean(false), first}),
+              0);
+    EXPECT_EQ(callInt("asynSendData", {bytes("two"), integer(3), str("10.0.0.2"), integer(12), boolean(false), second}),
+              0);
+    EXPECT_EQ(fieldAt(request(53), 309, 1), "\1") << "a status is wanted";
+    const Bytes status = Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12));
+    service.push(status);
+    service.push(status);
+    EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
+    EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
+
+    service.answer(48, body(48, {0}));
+    EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("10.0.0.2"), integer(12), boolean(true), second}), 0);
+    service.push(Out(52).i32(6).i32(1).text("10.0.0.2", 16).i32(12).add(sendTag(12)));
+    EXPECT_EQ(next(first), "onSendingData data{6,1,12,10.0.0.2}");
+    EXPECT_EQ(count(second), 0);
+}
+
+TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
+    registerApp(recorder(), nullptr);
+    jobject single = recorder();
+    jobject list = recorder();
+    service.answer(13, body(13, {42, 0}));
+    EXPECT_EQ(
+        callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
+        42);
+    const Bytes one = request(13);
+    EXPECT_EQ(int32At(one, 4), 1);
+    EXPECT_EQ(textAt(one, 8, 260), "/data/a.txt");
+    EXPECT_EQ(int32At(one, 268 + 260), 12);
+    EXPECT_EQ(textAt(one, 268 + 268, 16), "10.0.0.2");
+
+    service.answer(51, body(51, {43, 0}));
+    EXPECT_EQ(callInt("sendFileList", {array("java/lang/String", {str("/data/a"), str("/data/b")}), str("10.0.0.2"),
+                                       list, integer(12), boolean(true), integer(0)}),
+              43);
+    EXPECT_EQ(textAt(request(51), 8 + 260, 260), "/data/b");
+
+    service.push(fileEventHead(14, 42, "a.txt").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
+    EXPECT_EQ(next(single), "onSendingFile fileEvent{5000000001,5000000002,5000000003,42,1,3,2,a.txt,10.0.0.2,12}");
+    service.push(fileEventHead(14, 43, "b").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
+    EXPECT_EQ(next(list), "onSendingFile fileEvent{5000000001,5000000002,5000000003,43,1,3,2,b,10.0.0.2,12}");
+    EXPECT_EQ(count(single), 1);
+
+    service.answer(13, body(13, {0, 5}));
+    EXPECT_EQ(
+        callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
+        -5);
+    EXPECT_EQ(callInt("sendFile", {str("/data/a.txt"), nullptr, single, integer(12), boolean(false), integer(0)}), 0)
+        << "an address that cannot be converted";
+    EXPECT_TRUE(logged('W', kNative + "sendFile", kNative + "sendFile: jstringToString failure!"));
+
+    // Resuming asks the service for a pause, on purpose.
+    for (int32_t action : {9, 11, 12}) {
+        service.answer(action, body(action, {42, 0}));
+    }
+    for (const char* method : {"pauseSend", "resumeSend", "cancelReceive", "cancelSend"}) {
+        EXPECT_EQ(callInt(method, {integer(42)}), 0) << method;
+    }
+    EXPECT_EQ(service.received(9).size(), 2u);
+    EXPECT_TRUE(service.received(10).empty());
+    EXPECT_EQ(int32At(request(11), 4), 42);
+    EXPECT_EQ(int32At(request(12), 4), 42);
+    EXPECT_EQ(callInt("deleteSendFileCallback", {integer(42)}), 0);
+    EXPECT_EQ(callInt("deleteSendFileCallback", {integer(42)}), 1) << "already gone";
+}
+
+TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
+    registerApp(recorder(), nullptr);
+    jobject in = recorder();
+    service.answer(15, body(15, {0}));
+    EXPECT_EQ(callInt("setReceiveOption", {str("/data/in"), in}), 0);
+    const Bytes option = request(15);
+    EXPECT_EQ(textAt(option, 4, 260), "/data/in");
+    EXPECT_EQ(fieldAt(option, 264, 3), "\1\1\1") << "rename, data and files wanted";
+    EXPECT_EQ(int32At(option, 267), 1);
+
+    const Bytes peer = appRecord("peer", 12, 0, "10.0.0.9", "aa:bb:cc:dd:ee:ff", false);
+    service.push(Out(20).i32(1).i32(5).add(peer).i32(5).raw("he\x01lo", 5));
+    EXPECT_EQ(next(in), "onReceivingData 5 \"he\\x01lo\" 5 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
+    service.push(Out(20).i32(1).i32(6).add(peer).i32(0));
+    EXPECT_EQ(next(in), "onReceivingData 6 \"\" 0 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
+    service.push(fileEventHead(19, 8, "in.bin").add(sendTag(12)).add(peer));
+    EXPECT_EQ(next(in), "onReceivingFile fileEvent{5000000001,5000000002,5000000003,8,1,3,2,in.bin,10.0.0.9,12}");
+
+    const char* optionClass = "com/quorvik/kolt/pelk/agent/ReceiveOption";
+    jobject target = make(optionClass, "()V");
+    EXPECT_EQ(callInt("getReceiveOption", {target}), 0);
+    EXPECT_EQ(describe(target), "option{/data/in,true,1}");
+
+    // The Java option goes out as it is, its folder cut to the field, and with no native
+    // receive callbacks: from now on nothing is reported.
+    const std::string folder = "/" + std::string(300, 'f');
+    EXPECT_EQ(callInt("setReceiveOptionX",
+                      {make(optionClass, "(Ljava/lang/String;ZI)V", str(folder), JNI_FALSE, 30), recorder()}),
+              0);
+    const Bytes optionX = request(15);
+    EXPECT_EQ(textAt(optionX, 4, 260), folder.substr(0, 259));
+    EXPECT_EQ(fieldAt(optionX, 264, 3), std::string(3, '\0'));
+    EXPECT_EQ(int32At(optionX, 267), 30);
+}
+
+TEST_F(BridgeTest, MediaServersAndTheirContentComeBackAsJavaRecords) {
+    registerApp(recorder(), nullptr);
+    // A list longer than the local reference budget of a native call: references must not pile up.
+    Out servers(22);
+    servers.i32(40);
+    std::string expected;
+    for (int i = 0; i < 40; ++i) {
+        servers.add(deviceRecord("NAS" + std::to_string(i), 0, "uuid:" + std::to_string(i), "10.0.0.5", i == 0));
+        expected += (i > 0 ? ", device{NAS" : "[device{NAS") + std::to_string(i) + ",0,uuid:" + std::to_string(i) +
+                    ",10.0.0.5," + (i == 0 ? "true}" : "false}");
+    }
+    service.answer(22, servers.i32(0));
+    EXPECT_EQ(describe(call("searchDMS", {})), expected + "]");
+    service.answer(23, body(23, {0, 0}));
+    EXPECT_EQ(describe(call("searchDMR", {})), "null") << "no renderer gives no array";
+    EXPECT_TRUE(logged('W', kNative + "searchDMR", "Failed to setDmrList[1060]!"));
+
+    // Java texts longer than their native fields are cut to the field's size.
+    jobject server = device(std::string(300, 'n'), 0, "uuid:nas", "192.168.100.200:1", true);
+    service.answer(24, Out(24).i32(1).add(fileRecord("1", "Movies")).i32(0));
+    EXPECT_EQ(describe(call("getRootFileList", {server})), "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]");
+    const Bytes root = request(24);
+    EXPECT_EQ(fieldAt(root, 4, 260), std::string(260, 'n'));
+    EXPECT_EQ(textAt(root, 268, 100), "uuid:nas");
+    EXPECT_EQ(fieldAt(root, 368, 16), "192.168.100.200:");
+    EXPECT_EQ(fieldAt(root, 384, 1), "\1");
+
+    service.answer(25, body(25, {0, 0}));
+    EXPECT_EQ(describe(call("getFileList", {server, file("1", "Movies")})), "null");
+    EXPECT_EQ(textAt(request(25), 616 + 200, 100), "1");
+    service.answer(26, Out(26).i32(1).add(fileRecord("1", "Movies")).i32(0));
+    EXPECT_EQ(describe(call("getParentFileList", {server, file("7", "Clip")})),
+              "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]");
+    EXPECT_EQ(textAt(request(26), 616 + 300, 260), "Clip");
+
+    service.answer(47, Out(47).i32(0).add(fileRecord("0", "Root")));
+    jobject parent = make(kFileInfoClass, "()V");
+    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "Movies"), parent}), 0);
+    EXPECT_EQ(describe(parent), "file{uuid:srv,0,0,Root,video,http://10.0.0.5/0}");
+    EXPECT_EQ(textAt(request(47), 4 + 200, 100), "1");
+    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("2", "(null)"), parent}), 1001);
+    EXPECT_TRUE(logged('W', "getFileInfo", "CallObjectMethod --> NULL == objectTitle"));
+}
+
+TEST_F(BridgeTest, CopiesReportToTheLatestListenerAndReleaseTheOneBefore) {
+    registerApp(recorder(), nullptr);
+    jobject first = recorder();
+    jobject second = recorder();
+    jobject server = device("NAS", 0, "uuid:nas", "10.0.0.5", false);
+    jobject files = array(kFileInfoClass, {file("1", "a"), file("2", "b")});
+    service.answer(40, body(40, {77, 0}));
+    EXPECT_EQ(callInt("downLoad", {server, files, first}), 77);
+    const Bytes down = request(40);
+    EXPECT_EQ(textAt(down, 4, 260), "NAS");
+    EXPECT_EQ(int32At(down, 1228), 2);
+    EXPECT_EQ(textAt(down, 1232 + 1844 + 200, 100), "2");
+    EXPECT_TRUE(logged('I', kNative + "downLoad", "Success to downLoad.TaskID:[77]!"));
+
+    probeInt("globalRefs");
+    const int refs = probeInt("globalRefs");
+    service.answer(39, body(39, {78, 0}));
+    EXPECT_EQ(callInt("upLoad",
+                      {server, device("Phone", 0, "uuid:me", "127.0.0.1", true), files, file("9", "Inbox"), second}),
+              78);
+    EXPECT_EQ(probeInt("globalRefs"), refs) << "the first listener's references are released";
+    const Bytes up = request(39);
+    EXPECT_EQ(textAt(up, 616, 260), "Phone");
+    EXPECT_EQ(textAt(up, 1232 + 2 * 1844 + 200, 100), "9");
+
+    service.push(fileEventHead(41, 77, "a").add(sendTag(0)).add(deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false)));
+    EXPECT_EQ(next(second), "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,77,1,3,2,a,10.0.0.5,0}");
+    EXPECT_EQ(count(first), 0);
+}
+
+TEST_F(BridgeTest, PlaybackAndServerControlsReachTheService) {
+    registerApp(recorder(), nullptr);
+    jobject server = device("NAS", 0, "uuid:nas", "10.0.0.5", false);
+    jobject renderer = device("TV", 1, "uuid:tv", "10.0.0.6", false);
+    service.answer(35, body(35, {0}));
+    EXPECT_EQ(callInt("playSelectedFile", {integer(2), server, array(kFileInfoClass, {file("1", "a")}), renderer}), 0);
+    // The facade hands its arguments to the agent in its own order, so the Java renderer is the
+    // request's first device.
+    const Bytes play = request(35);
+    EXPECT_EQ(textAt(play, 4, 260), "TV");
+    EXPECT_EQ(textAt(play, 616, 260), "NAS");
+    EXPECT_EQ(int32At(play, 1228), 1);
+    EXPECT_EQ(int32At(play, 1232 + 1844), 2);
+    EXPECT_EQ(int32At(play, 1236 + 1844), 0);
+
+    const std::pair<const char*, int32_t> deviceControls[] = {{"stopCurPlayingFile", 36},
+                                                              {"pauseCurPlayingFile", 37},
+                                                              {"resumeCurPlayingFile", 38},
+                                                              {"enableContentListCache", 42},
+                                                              {"disableContentListCache", 43}};
+    for (const auto& control : deviceControls) {
+        service.answer(control.second, body(control.second, {0}));
+        EXPECT_EQ(callInt(control.first, {renderer}), 0) << control.first;
+        EXPECT_EQ(textAt(request(control.second), 4, 260), "TV") << control.first;
+    }
+    EXPECT_TRUE(logged('D', "stopCurPlayingFile", "ActionAgentWrapper::stopCopyTransfer()"));
+
+    for (int32_t action : {27, 28, 29, 30, 31, 33}) {
+        service.answer(action, body(action, {0}));
+    }
+    EXPECT_EQ(callInt("startDMS", {}), 0);
+    EXPECT_EQ(callInt("stopDMS", {}), 0);
+    EXPECT_EQ(callInt("rescanShareFolder", {}), 0);
+    EXPECT_EQ(callInt("setMyDMSName", {str("Den")}), 0);
+    EXPECT_EQ(textAt(request(31), 4, 260), "Den");
+    EXPECT_EQ(callInt("stopCopyTransfer", {integer(77)}), 0);
+    EXPECT_EQ(int32At(request(29), 4), 77);
+    for (int kind : {1, 7, -1}) {
+        EXPECT_EQ(callInt("rescanNetwork", {integer(kind)}), 0);
+    }
+    std::vector<int32_t> kinds;
+    for (const Bytes& rescan : service.received(33)) {
+        kinds.push_back(int32At(rescan, 4));
+    }
+    EXPECT_EQ(kinds, (std::vector<int32_t>{1, 2, 2})) << "unknown kinds ask for all devices";
+    EXPECT_EQ(service.received(27).size() + service.received(28).size() + service.received(30).size(), 3u);
+
+    service.answer(27, body(27, {9}));
+    EXPECT_EQ(callInt("startDMS", {}), 9);
+    EXPECT_TRUE(logged('W', kNative + "startDMS", "Failed to startDMS[9]!======"));
+    EXPECT_TRUE(logged('D', "startDMS", "ActionAgentWrapper::startDMS():nReturn for startDMS: 9"));
+}
+
+TEST_F(BridgeTest, NullArgumentsGiveTheirCodesAndNeverAJniError) {
+    EXPECT_EQ(callInt("registerApp", {nullptr, integer(3), recorder(), nullptr}), -1);
+    EXPECT_TRUE(logged('W', kNative + "registerApp", "Cannot convert appName!"));
+    EXPECT_EQ(callInt("registerApp", {str("demo"), integer(3), nullptr, nullptr}), -1);
+    EXPECT_TRUE(logged('W', kNative + "registerApp", "local_interAppCallbackClass == NULL"));
+    registerApp(recorder(), nullptr);
+
+    EXPECT_EQ(callInt("sendData", {nullptr, integer(5), str("10.0.0.2"), integer(12), boolean(false), integer(3)}),
+              1402)
+        << "no bytes: the agent's own code";
+    EXPECT_EQ(callInt("sendData", {bytes("x"), integer(1), nullptr, integer(12), boolean(false), integer(3)}), -1);
+    EXPECT_EQ(callInt("sendFile", {nullptr, str("10.0.0.2"), recorder(), integer(12), boolean(false), integer(0)}), 0);
+    EXPECT_EQ(callInt("sendFileList", {nullptr, str("10.0.0.2"), recorder(), integer(12), boolean(false), integer(0)}),
+              -1803)
+        << "no paths";
+    EXPECT_EQ(callInt("setReceiveOption", {nullptr, recorder()}), -1);
+    EXPECT_TRUE(logged('W', kNative + "setReceiveOption",
+                       "Java_com_quorvik_hello_NativeLib_registerReceiver: jstringToString failure!"));
+    EXPECT_EQ(callInt("setReceiveOptionX", {nullptr, recorder()}), 1001);
+    EXPECT_EQ(callInt("getReceiveOption", {nullptr}), 1001);
+    EXPECT_EQ(callInt("setMyDMSName", {nullptr}), -1);
+
+    jobject server = device("NAS", 0, "uuid:nas", "10.0.0.5", false);
+    jobject files = array(kFileInfoClass, {file("1", "a")});
+    EXPECT_EQ(describe(call("getRootFileList", {nullptr})), "null");
+    EXPECT_EQ(describe(call("getFileList", {server, nullptr})), "null");
+    EXPECT_EQ(describe(call("getParentFileList", {nullptr, file("1", "a")})), "null");
+    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "a"), nullptr}), 1001);
+    EXPECT_EQ(callInt("enableContentListCache", {nullptr}), 1001);
+    EXPECT_TRUE(logged('W', kNative + "enableContentListCache",
+                       "enableContentListCache --> (NULL == jenv) || (NULL == jdevice)!"));
+    jobject noUUID = make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", str("TV"), 1,
+                          nullptr, str("10.0.0.6"), JNI_FALSE);
+    EXPECT_EQ(callInt("stopCurPlayingFile", {noUUID}), 1001);
+    EXPECT_TRUE(logged('W', "getDLNADevice", "CallObjectMethod --> NULL == UUID"));
+    EXPECT_EQ(callInt("downLoad", {server, files, nullptr}), 1001);
+    EXPECT_EQ(callInt("downLoad", {server, array(kFileInfoClass, {nullptr}), recorder()}), 1001) << "a null element";
+    EXPECT_EQ(callInt("upLoad", {server, nullptr, files, file("9", "x"), recorder()}), 1001);
+    EXPECT_EQ(callInt("playSelectedFile", {integer(0), server, files, nullptr}), 1001);
+    EXPECT_TRUE(service.received(39).empty() && service.received(40).empty() && service.received(35).empty() &&
+                service.received(36).empty());
+}
+
+// Polls until done() holds, up to 5 s.
+template <class Done>
+bool eventually(Done done) {
+    for (int i = 0; i < 500 && !done(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return done();
+}
+
+TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndItsThreadStaysAttachedUntilTheNext) {
+    jobject apps = recorder();
+    registerApp(apps, nullptr);
+    const int threads = probeInt("liveThreads");
+    EXPECT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false),
+                                       make("java/lang/Object", "()V")}),
+              0);
+    service.push(Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12)));
+    EXPECT_TRUE(eventually([] { return logged('W', "OnDataSend", "methodID == NULL"); }));
+    EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "the dispatching thread stays attached";
+
+    service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "", false)));
+    EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,,false} 1");
+    EXPECT_TRUE(awaitLiveThreads(threads)) << "a delivered event detaches it";
+}
+
+TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) {
+    jobject r = recorder();
+    registerApp(r, r);
+    service.answer(15, body(15, {0}));
+    service.answer(13, body(13, {42, 0}));
+    service.answer(40, body(40, {77, 0}));
+    ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
+    ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}), 42);
+    ASSERT_EQ(callInt("downLoad",
+                      {device("NAS", 0, "uuid:nas", "10.0.0.5", false), array(kFileInfoClass, {file("1", "a")}), r}),
+              77);
+    const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
+    const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
+    const std::vector<Bytes> events = {
+        Out(45).i32(0).i32(1).add(peer),
+        Out(32).i32(0).i32(1).add(nas),
+        Out(20).i32(1).i32(5).add(peer).i32(4).raw("data", 4),
+        fileEventHead(19, 8, "in").add(sendTag(12)).add(peer),
+        fileEventHead(14, 42, "out").add(peer).add(sendTag(12)),
+        fileEventHead(41, 77, "copy").add(sendTag(0)).add(nas),
+        Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12)),
+    };
+    const int kinds = static_cast<int>(events.size());
+    const auto round = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            ASSERT_EQ(env->PushLocalFrame(16), JNI_OK);
+            ASSERT_EQ(
+                callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r}), 0);
+            env->PopLocalFrame(nullptr);
+            for (const Bytes& event : events) {
+                ASSERT_TRUE(service.push(event));
+            }
+        }
+    };
+    const int threads = probeInt("liveThreads");
+    round(1);
+    ASSERT_TRUE(awaitCount(r, kinds, 5000));
+    ASSERT_TRUE(awaitLiveThreads(threads));
+    probeInt("globalRefs");
+    const int refs = probeInt("globalRefs");
+
+    round(10000);
+    EXPECT_TRUE(awaitCount(r, kinds * 10001, 300000)) << count(r) << " calls";
+    EXPECT_TRUE(awaitLiveThreads(threads)) << "every delivering thread detached";
+    EXPECT_EQ(probeInt("globalRefs"), refs);
+}
+
+TEST_F(BridgeTest, UnloadReleasesTheSendAndReceiveListenersAndTheCachedClasses) {
+    jobject r = recorder();
+    registerApp(r, r);
+    service.answer(15, body(15, {0}));
+    service.answer(13, body(13, {42, 0}));
+    ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
+    ASSERT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r}), 0);
+    ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}), 42);
+    ASSERT_EQ(callInt("sendFileList", {array("java/lang/String", {str("/data/a")}), str("10.0.0.2"), r, integer(12),
+                                       boolean(false), integer(0)}),
+              42);
+    probeInt("globalRefs");
+    const int refs = probeInt("globalRefs");
+
+    void* library = dlopen(PELK_AGENT_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(library, nullptr) << "the VM loaded the library";
+    using Unload = void (*)(JavaVM*, void*);
+    const Unload unload = reinterpret_cast<Unload>(dlsym(library, "JNI_OnUnload"));
+    ASSERT_NE(unload, nullptr);
+    unload(Vm::get().vm, nullptr);
+    dlclose(library);
+    // Four listener pairs and four classes; the app, device and copy listeners stay.
+    EXPECT_EQ(probeInt("globalRefs"), refs - 12);
+
+    // Events after unload find neither listener nor class: dropped, without a JNI error.
+    service.push(Out(20).i32(1).i32(5).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)).i32(1).raw("x", 1));
+    EXPECT_TRUE(eventually([] { return logged('W', "OnDataReceive", "methodID == NULL"); }));
+    service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)));
+    EXPECT_TRUE(eventually([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }));
+    EXPECT_EQ(count(r), 0);
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+#include "support/ChildProcess.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+extern char** environ;
+
+namespace pelktest {
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& outputPath)
+    : m_outputPath(outputPath) {
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+        args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    // The test's own signal mask (its threads may block signals) must not reach the child.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    if (posix_spawn(&m_pid, args[0], &actions, &attributes, args.data(), environ) != 0) {
+        m_pid = -1;
+    }
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+}
+
+ChildProcess::~ChildProcess() {
+    if (m_pid > 0 && m_nStatus < 0) {
+        signal(SIGTERM);
+        if (wait(5000) < 0) {
+            signal(SIGKILL);
+            wait(-1);
+        }
+    }
+}
+
+void ChildProcess::signal(int signalNumber) {
+    if (m_pid > 0 && m_nStatus < 0) {
+        kill(m_pid, signalNumber);
+    }
+}
+
+int ChildProcess::wait(int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (m_pid > 0 && m_nStatus < 0) {
+        int status = 0;
+        const pid_t done = waitpid(m_pid, &status, timeoutMs < 0 ? 0 : WNOHANG);
+        if (done == m_pid) {
+            m_nStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        } else if (done < 0 || (timeoutMs >= 0 && std::chrono::steady_clock::now() > deadline)) {
+            break;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    return m_nStatus;
+}
+
+std::string ChildProcess::output() const {
+    std::ifstream in(m_outputPath);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool ChildProcess::awaitOutput(const std::string& text, int timeoutMs) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (output().find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,
+             int timeoutMs) {
+    ChildProcess child(argv, outputPath);
+    const int status = child.wait(timeoutMs);
+    output += child.output();
+    return status;
+}
+
+}  // namespace pelktest
