@@ -610,25 +610,29 @@ TEST_F(TransferClientTest, ALengthBeyondTheLimitGivesTheLinkUp) {
 }
 
 TEST_F(TransferClientTest, QueuesAreBoundedAndLoseTheirOldestFrames) {
-    const int events = static_cast<int>(TransferClient::kMaxQueuedEvents) + 5;
+    const unsigned int maxEvents = 200, maxReplies = 8;
+    PELK::Agent::setQueueBoundsForTesting(maxEvents, maxReplies);
     service->answer(44, body(44));
-    ASSERT_TRUE(client->startTransfer());
-    for (int i = 0; i < events; ++i) {
-        ASSERT_TRUE(service->push(body(20, {i})));
+    const bool started = client->startTransfer();
+    PELK::Agent::setQueueBoundsForTesting(0, 0);
+    ASSERT_TRUE(started);
+    for (unsigned int i = 0; i < maxEvents + 5; ++i) {
+        ASSERT_TRUE(service->push(body(20, {static_cast<int32_t>(i)})));
     }
     ASSERT_EQ(0, call(body(44), 30));  // its reply follows every event
     EXPECT_EQ(5u, log.count("Event queue full: dropped the oldest"));
     EventRecorder delivered;
     client->setActionCallBack(EventRecorder::onAction, &delivered);
-    ASSERT_TRUE(delivered.waitFor(TransferClient::kMaxQueuedEvents, 20000));
-    const Bytes first = delivered.frames()[0];
-    EXPECT_EQ(5, first[8]);
+    ASSERT_TRUE(delivered.waitFor(maxEvents));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const std::vector<Bytes> frames = delivered.frames();
+    ASSERT_EQ(maxEvents, frames.size());
+    EXPECT_EQ(pelktest::frame(body(20, {5})), frames[0]);
 
-    const int replies = static_cast<int>(TransferClient::kMaxUnclaimedReplies) + 3;
-    for (int i = 0; i < replies; ++i) {
-        ASSERT_TRUE(service->push(body(2, {i})));
+    for (unsigned int i = 0; i < maxReplies + 3; ++i) {
+        ASSERT_TRUE(service->push(body(2, {static_cast<int32_t>(i)})));
     }
-    ASSERT_TRUE(waitForLog("Receive service response action:2", replies));
+    ASSERT_TRUE(waitForLog("Receive service response action:2", maxReplies + 3));
     EXPECT_EQ(3u, log.count("Reply queue full: dropped the oldest"));
     ASSERT_EQ(0, call(body(44), 5));
     client->stopTransfer();

@@ -60,6 +60,9 @@ size_t frameSize(const char* frame) {
     return static_cast<size_t>(getLittleEndian32(frame)) + Frame::MSG_LENGTH_OFFSET;
 }
 
+std::atomic<unsigned int> g_maxQueuedEvents{TransferClient::kMaxQueuedEvents};
+std::atomic<unsigned int> g_maxUnclaimedReplies{TransferClient::kMaxUnclaimedReplies};
+
 // A queue of frames with bounds: past them the oldest frame is dropped with a log line, so that a
 // flooding peer or a callback that is never set cannot make it grow without end.
 class FrameQueue {
@@ -197,8 +200,8 @@ LinkRun::LinkRun(SocketClient* owner, long sock)
       m_fCallBackWatching(false),
       m_nLastCallMs(0),
       m_nPartialSinceMs(0),
-      m_events("Event", TransferClient::kMaxQueuedEvents, TransferClient::kMaxQueuedBytes),
-      m_replies("Reply", TransferClient::kMaxUnclaimedReplies, TransferClient::kMaxQueuedBytes),
+      m_events("Event", g_maxQueuedEvents.load(), TransferClient::kMaxQueuedBytes),
+      m_replies("Reply", g_maxUnclaimedReplies.load(), TransferClient::kMaxQueuedBytes),
       m_fWorkPending(false),
       m_fCallBackWaiting(false),
       m_fReceiverDone(true),
@@ -376,6 +379,11 @@ bool startRunThread(unsigned int (*fn)(void*), LinkRun* run) {
 }
 
 }  // namespace
+
+void setQueueBoundsForTesting(unsigned int maxEvents, unsigned int maxReplies) {
+    g_maxQueuedEvents = maxEvents != 0 ? maxEvents : TransferClient::kMaxQueuedEvents;
+    g_maxUnclaimedReplies = maxReplies != 0 ? maxReplies : TransferClient::kMaxUnclaimedReplies;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Frame

@@ -211,7 +211,10 @@ public:
     };
 
     // Bounds of a run's queues: events waiting for the callback, and replies nobody waits for.
-    static constexpr unsigned int kMaxQueuedEvents = 16384;
+    // Apps whose callbacks run slowly (through a VM, say) see bursts of tens of thousands of
+    // events queue up and must lose none of them, so the event bound is wide; the byte bound is
+    // what caps the memory.
+    static constexpr unsigned int kMaxQueuedEvents = 1u << 18;
     static constexpr unsigned int kMaxUnclaimedReplies = 64;
     static constexpr size_t kMaxQueuedBytes = 2 * static_cast<size_t>(Frame::kMaxLength);
 
@@ -276,6 +279,10 @@ private:
     void* m_pUserData;                  // guarded by m_mutexActionCallBackFunction
     std::atomic<long> m_nCallBackRunner;  // the thread inside a callback, 0 when none
 };
+
+// Narrows the queue bounds of the runs started from now on, so that tests can fill a queue
+// quickly; zero puts a default back. Only tests call it.
+void setQueueBoundsForTesting(unsigned int maxEvents, unsigned int maxReplies);
 
 }  // namespace Agent
 }  // namespace PELK
