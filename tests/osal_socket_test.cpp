@@ -3,9 +3,12 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <thread>
@@ -97,7 +100,6 @@ struct Link {
     }
 };
 
-}  // namespace
 
 TEST(OsalSockets, PendingInputIsNotConsumedAndDoesNotStopSending) {
     LogCapture capture;
@@ -241,3 +243,36 @@ TEST(OsalSockets, PortProbeRejectsBadInputAndTellsOpenFromClosed) {
         close(sock);
     }
 }
+
+void ignoreSignal(int) {}
+
+// A signal handled without SA_RESTART interrupts a blocked wait or receive with EINTR; the call
+// must go on waiting for its data rather than fail.
+TEST(OsalSockets, ASignalDoesNotEndAWaitForData) {
+    struct sigaction quiet = {};
+    quiet.sa_handler = ignoreSignal;
+    struct sigaction previous = {};
+    ASSERT_EQ(sigaction(SIGUSR1, &quiet, &previous), 0);
+    for (bool some : {false, true}) {
+        SCOPED_TRACE(some ? "osal_recv_some" : "osal_recvn");
+        Link link;
+        Osal::osal_set_receive_timeout(link.mine, 5000);
+        char buffer[4] = {};
+        std::atomic<int> result{-5};
+        std::thread reader([&] {
+            result = some ? Osal::osal_recv_some(link.mine, buffer, 4, false)
+                          : Osal::osal_recvn(link.mine, buffer, 4, 0, 5, nullptr);
+        });
+        for (int i = 0; i < 20; ++i) {
+            pthread_kill(reader.native_handle(), SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        link.peerWrites("abcd");
+        reader.join();
+        EXPECT_EQ(result.load(), some ? 4 : 1);
+        EXPECT_EQ(std::string(buffer, 4), "abcd");
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+}  // namespace

@@ -77,7 +77,7 @@ public:
     // Takes the frame over; the newest frame is always kept.
     void push(char* frame) {
         const size_t size = frameSize(frame);
-        m_queue.lock();
+        Common::Queue<char*>::Locked held(m_queue);
         char* oldest = nullptr;
         while ((m_queue.size() >= m_nMaxFrames || m_nBytes + size > m_nMaxBytes) && m_queue.top_unlock(&oldest)) {
             m_nBytes -= frameSize(oldest);
@@ -90,16 +90,14 @@ public:
         } else {
             delete[] frame;
         }
-        m_queue.unlock();
     }
 
     bool pop(char** frame) {
-        m_queue.lock();
+        Common::Queue<char*>::Locked held(m_queue);
         const bool taken = m_queue.top_unlock(frame);
         if (taken) {
             m_nBytes -= frameSize(*frame);
         }
-        m_queue.unlock();
         return taken;
     }
 
@@ -324,9 +322,10 @@ private:
 };
 
 // Holds one of the client's logged locks for a scope.
+template <class Client>
 class ClientLock {
 public:
-    ClientLock(TransferClient* client, bool (TransferClient::*lock)(), bool (TransferClient::*unlock)())
+    ClientLock(Client* client, bool (Client::*lock)(), bool (Client::*unlock)())
         : m_pClient(client), m_unlock(unlock), m_fHeld((client->*lock)()) {}
     ~ClientLock() {
         if (m_fHeld) {
@@ -341,8 +340,8 @@ public:
     void keepLocked() { m_fHeld = false; }
 
 private:
-    TransferClient* m_pClient;
-    bool (TransferClient::*m_unlock)();
+    Client* m_pClient;
+    bool (Client::*m_unlock)();
     bool m_fHeld;
 };
 
@@ -705,12 +704,11 @@ bool SocketClient::unlockSocket() {
 
 bool SocketClient::onDataReceived() {
     RunRef run(acquireRun());
-    if (run.get() == nullptr || !lockSocket()) {
+    if (run.get() == nullptr) {
         return false;
     }
-    const bool keepGoing = receiveFrames(run.get());
-    unlockSocket();
-    return keepGoing;
+    ClientLock<SocketClient> socket(this, &SocketClient::lockSocket, &SocketClient::unlockSocket);
+    return socket.held() && receiveFrames(run.get());
 }
 
 bool SocketClient::onReceiverStopped() {
@@ -790,13 +788,16 @@ bool SocketClient::watchOnce(LinkRun* run, size_t& backOff) {
     if (ready == 0 && !run->frameStalled()) {
         return true;
     }
-    if (OSAbstractLayer::osal_trylock_mutex(&m_clientSockMutex) != 0) {
-        run->waitForChange(1);  // a call has the socket; the pause for callers follows
-        return true;
+    bool keepGoing = true;
+    {
+        MutexGuard socket(&m_clientSockMutex, MutexGuard::TryOnly());
+        if (!socket.owns()) {
+            run->waitForChange(1);  // a call has the socket; the pause for callers follows
+            return true;
+        }
+        ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
+        keepGoing = receiveFrames(run);
     }
-    ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
-    const bool keepGoing = receiveFrames(run);
-    unlockSocket();
     ZT_LOG(Common::ZT_LOG_DEBUG, "after onDataReceived");
     if (ready > 0) {
         backOff = 0;
@@ -995,7 +996,7 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
     }
     const int32_t requestID = static_cast<int32_t>(getLittleEndian32(buf));
     RunRef run(acquireRun());
-    ClientLock service(this, &TransferClient::lockService, &TransferClient::unlockService);
+    ClientLock<TransferClient> service(this, &TransferClient::lockService, &TransferClient::unlockService);
     if (!service.held()) {
         ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock service!");
         return kServiceLockFailed;
@@ -1008,7 +1009,7 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
     if (resplen != nullptr && run.get() != nullptr) {
         discardStaleReplies(run.get(), requestID);
     }
-    ClientLock socket(this, &TransferClient::lockSocket, &TransferClient::unlockSocket);
+    ClientLock<SocketClient> socket(this, &SocketClient::lockSocket, &SocketClient::unlockSocket);
     if (!socket.held()) {
         ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock socket!");
         service.keepLocked();  // the service mutex stays locked on this path; kept deliberately
@@ -1191,14 +1192,16 @@ void TransferClient::markLost(LinkRun* run) {
 }
 
 bool TransferClient::receiverEnded(LinkRun* run) {
+    // Before the callback thread is let go: its null frame must find the link stopped and this
+    // line written.
+    const bool unexpected = clearIfCurrent(run, m_fTransferStarted);
+    if (unexpected) {
+        ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient: Receiver stopped unexpectedly.");
+    }
     run->m_fActive = false;
     run->broadcast();
     run->signalWork();
-    if (clearIfCurrent(run, m_fTransferStarted)) {
-        ZT_LOG(Common::ZT_LOG_WARNING, "TransferClient: Receiver stopped unexpectedly.");
-        return true;
-    }
-    return false;
+    return unexpected;
 }
 
 bool TransferClient::reportLoss(LinkRun* run) {
@@ -1251,7 +1254,6 @@ unsigned int TransferClient::thread_actionCallBack(void* arg) {
     }
 
     ZT_LOG(Common::ZT_LOG_INFO, "ActionCallBack thread fininsed.");
-    pThis->clearIfCurrent(run, pThis->m_fTransferStarted);
     pThis->deliverEnd(run);
     run->setThreadDone(&LinkRun::m_fCallBackDone, true);
     // The last touch of the client: from here on it may be destroyed.

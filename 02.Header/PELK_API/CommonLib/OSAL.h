@@ -147,6 +147,11 @@ public:
             OSAbstractLayer::osal_lock_mutex(m_pMutex);
         }
     }
+    // Takes the mutex only if no one holds it; owns() tells whether it did.
+    struct TryOnly {};
+    MutexGuard(pthread_mutex_t* mutex, TryOnly)
+        : m_pMutex(mutex != nullptr && OSAbstractLayer::osal_trylock_mutex(mutex) == 0 ? mutex : nullptr) {}
+    bool owns() const { return m_pMutex != nullptr; }
     ~MutexGuard() {
         if (m_pMutex != nullptr) {
             OSAbstractLayer::osal_unlock_mutex(m_pMutex);

@@ -47,6 +47,18 @@ public:
         }
     }
 
+    // Holds the queue's mutex for a scope, for the *_unlock steps.
+    class Locked {
+    public:
+        explicit Locked(Queue& queue) : m_queue(queue) { m_queue.lock(); }
+        ~Locked() { m_queue.unlock(); }
+        Locked(const Locked&) = delete;
+        Locked& operator=(const Locked&) = delete;
+
+    private:
+        Queue& m_queue;
+    };
+
     // REQUIRES: the caller holds the queue's mutex. Doubles the capacity when full.
     bool push_unlock(T elem) {
         const unsigned int count = m_nCount.load(std::memory_order_relaxed);
@@ -81,10 +93,8 @@ public:
 
     // Takes the oldest element; false when the queue is empty or elem is null.
     bool pop(T* elem) {
-        lock();
-        bool taken = top_unlock(elem);
-        unlock();
-        return taken;
+        Locked held(*this);
+        return top_unlock(elem);
     }
 
     // Re-allocates the slots to newCapacity. Only meaningful on a full queue, since it takes
