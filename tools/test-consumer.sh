@@ -11,23 +11,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root="$PWD"
 build="$root/build"
-work="$(mktemp -d "${TMPDIR:-/tmp}/pelk-consumer-XXXXXX")"
-emulator_pid=
-
-cleanup() {
-  if [ -n "$emulator_pid" ]; then
-    kill "$emulator_pid" 2>/dev/null || true
-    wait "$emulator_pid" 2>/dev/null || true
-  fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-  echo "test-consumer: $*" >&2
-  [ -f "$work/emulator.log" ] && tail -n 20 "$work/emulator.log" >&2
-  exit 1
-}
+demo_name="test-consumer"
+source tools/lib/demo-common.sh
 
 generator=()
 if command -v ninja >/dev/null 2>&1; then
@@ -44,12 +29,11 @@ consume() {
   shift
   echo "== $name"
   cmake -S tests/consumer -B "$work/$name" "${generator[@]}" "${consumer_flags[@]}" "$@" \
-    >"$work/$name.log" 2>&1 || { cat "$work/$name.log" >&2; fail "$name: configuring failed"; }
-  cmake --build "$work/$name" --parallel "$(nproc)" >>"$work/$name.log" 2>&1 \
-    || { tail -n 40 "$work/$name.log" >&2; fail "$name: building failed"; }
+    >"$work/$name.log" 2>&1 || fail "$name: configuring failed"
+  cmake --build "$work/$name" --parallel "$(nproc)" >>"$work/$name.log" 2>&1 || fail "$name: building failed"
 }
 
-PELK_SANITIZER= tools/test.sh --build-only >/dev/null
+PELK_SANITIZER= tools/test.sh --build-only
 prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 
@@ -73,19 +57,14 @@ consume fetchcontent -DPELK_CONSUME=fetchcontent -DPELK_SOURCE_DIR="$root" "${no
 consume package -DPELK_CONSUME=package -DCMAKE_PREFIX_PATH="$prefix"
 
 "$build/emulator/pelk-emulator" >/dev/null 2>"$work/emulator.log" &
-emulator_pid=$!
-for _ in $(seq 100); do
-  grep -q "listening on 127.0.0.1:20014" "$work/emulator.log" && break
-  kill -0 "$emulator_pid" 2>/dev/null || fail "pelk-emulator did not start"
-  sleep 0.1
-done
-grep -q "listening on 127.0.0.1:20014" "$work/emulator.log" || fail "pelk-emulator does not listen"
+pids+=($!)
+await "$work/emulator.log" "listening on 127.0.0.1:20014"
 
 for name in subdirectory fetchcontent package; do
   for program in consumer_shared consumer_static; do
-    log="$work/$name-$program.log"
     # The library's own log lines go to standard error; shown only when the program fails.
-    "$work/$name/$program" "$name-${program#consumer_}" 2>"$log" || { cat "$log" >&2; fail "$name: $program failed"; }
+    log="$work/$name-$program.log"
+    "$work/$name/$program" "$name-${program#consumer_}" 2>"$log" || fail "$name: $program failed"
   done
 done
 echo "test-consumer: add_subdirectory, FetchContent and find_package builds registered on both libraries"
