@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Configures a build, builds everything and runs the test suites.
-#   tools/test.sh            plain build in build/, all suites
+#   tools/test.sh            plain build in build/, every suite but the soak
 #   tools/test.sh --quick    only the quick suites
+#   tools/test.sh --soak     only the soak suites, with their output (tools/soak.sh)
 #   tools/test.sh --build-only   configure and build, run nothing
 #   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-selection=()
+selection=(-LE soak)
 build_only=
 case "${1:-}" in
   --quick) selection=(-L quick) ;;
+  --soak) selection=(-L soak --verbose) ;;
   --build-only) build_only=1 ;;
 esac
 
