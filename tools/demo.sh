@@ -9,34 +9,8 @@ cd "$(dirname "$0")/.."
 build="${1:-build}"
 emulator="$build/emulator/pelk-emulator"
 pelk="$build/cli/pelk"
-work="$(mktemp -d "${TMPDIR:-/tmp}/pelk-demo-XXXXXX")"
-pids=()
-
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-  echo "demo: $*" >&2
-  for log in "$work"/*.log "$work"/*.out; do
-    [ -f "$log" ] && { echo "--- ${log##*/}" >&2; tail -n 20 "$log" >&2; }
-  done
-  exit 1
-}
-
-# Waits up to 10 s for a line matching $2 in file $1.
-await() {
-  for _ in $(seq 100); do
-    grep -q -- "$2" "$1" 2>/dev/null && return 0
-    sleep 0.1
-  done
-  fail "no \"$2\" in ${1##*/}"
-}
+demo_name="demo"
+source tools/lib/demo-common.sh
 
 run() {
   echo "\$ pelk $*"
@@ -49,12 +23,7 @@ head -c $((2 << 20)) /dev/urandom >"$work/media/Music/track01.mp3"
 echo "Media served by pelk-emulator for the demo." >"$work/media/readme.txt"
 head -c $((10 << 20)) /dev/urandom >"$work/report.bin"
 
-"$emulator" --media "$work/media" --rate 16M >"$work/trace.log" 2>"$work/emulator.log" &
-pids+=($!)
-await "$work/emulator.log" "listening on 127.0.0.1:20014"
-"$pelk" listen --name alice --receive-dir "$work/alice" >"$work/alice.out" 2>&1 &
-pids+=($!)
-await "$work/alice.out" "listening as"
+start_emulator_and_alice --rate 16M
 echo "pelk-emulator serves $work/media; alice listens, files go to $work/alice"
 
 run send --name bob --to alice "hello from bob"
