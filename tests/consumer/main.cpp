@@ -1,0 +1,58 @@
+// Registers with the service on 127.0.0.1:20014 through libPELKAgent's public header alone, waits
+// for the service to report this app back through the app callback, and unregisters. Exits 0 when
+// all of it worked, 1 otherwise.
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "ActionAgent.h"
+
+// A user's include path holds the public headers only: no test seam, no internal of the link.
+#if __has_include("CommonLib/LogSink.h") || __has_include("TransferClient.h")
+#error "libPELKAgent puts headers on its users' include path that are not for them"
+#endif
+
+namespace {
+
+std::mutex g_mutex;
+std::condition_variable g_changed;
+bool g_sawItself = false;
+
+// Runs on the library's callback thread.
+void onAppChange(const PELK::InteractionApp* app, int status, void*) {
+    if (app == nullptr || status != PELK::Agent::APP_STATUS_CHANGE_ADD || app->fLocalDevice == 0) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_sawItself = true;
+    g_changed.notify_all();
+}
+
+bool awaitOwnRecord() {
+    std::unique_lock<std::mutex> lock(g_mutex);
+    return g_changed.wait_for(lock, std::chrono::seconds(10), [] { return g_sawItself; });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const char* name = argc > 1 ? argv[1] : "consumer";
+    PELK::Agent::ActionAgent* agent = PELK::Agent::ActionAgent::getInstance();
+    int result = agent->registerApp(name, 1, nullptr, onAppChange, nullptr, false);
+    if (result != 0) {
+        std::fprintf(stderr, "%s: registration failed: %d\n", name, result);
+        return 1;
+    }
+    int appID = agent->getAppID();
+    bool sawItself = awaitOwnRecord();
+    int unregistered = agent->unregisterApp();
+    if (appID < 1 || !sawItself || unregistered != 0) {
+        std::fprintf(stderr, "%s: app ID %d, own record %s, unregistration %d\n", name, appID,
+                     sawItself ? "seen" : "not seen", unregistered);
+        return 1;
+    }
+    std::printf("%s: registered as app %d and unregistered\n", name, appID);
+    return 0;
+}
