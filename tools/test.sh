@@ -2,7 +2,7 @@
 # Configures a build, builds everything and runs the test suites.
 #   tools/test.sh            plain build in build/, every suite but the soak
 #   tools/test.sh --quick    only the quick suites
-#   tools/test.sh --soak     only the soak suites, for PELK_SOAK_SECONDS each (tools/soak.sh)
+#   tools/test.sh --soak     only the soak suites, with their output (PELK_SOAK_SECONDS, PELK_SOAK_CYCLES; tools/soak.sh)
 #   tools/test.sh --build-only   configure and build, run nothing
 #   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
 set -euo pipefail
@@ -13,7 +13,7 @@ selection=(-LE '^soak$')
 build_only=
 case "${1:-}" in
   --quick) selection=(-L '^quick$') ;;
-  --soak) selection=(-L '^soak$') ;;
+  --soak) selection=(-L '^soak$' --verbose) ;;
   --build-only) build_only=1 ;;
 esac
 
