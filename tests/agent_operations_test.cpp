@@ -36,7 +36,7 @@ Bytes dataStatus(const InteractionApp& app, int32_t result) {
     event.nRemoteAppID = app.nAppID;
     memcpy(event.szIPv4, app.szIPv4, sizeof(event.szIPv4));
     event.sendTag.byRemoteAppID = static_cast<uint8_t>(app.nAppID);
-    return encode(event);
+    return Encode(event);
 }
 
 // One piece of a large payload as another app's agent sends it.
@@ -49,7 +49,7 @@ Bytes hugePiece(uint32_t listID, uint32_t sequence, const std::string& content) 
     memcpy(&payload[4], &sequence, 4);
     payload += content;
     event.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
-    return encode(event);
+    return Encode(event);
 }
 
 class DataTest : public AgentTest {};
@@ -274,14 +274,14 @@ TEST_F(ReceiveTest, DataAndFilesFromOtherAppsReachTheReceiveCallbacks) {
     data.nDataType = 4;
     data.sender = target(30, "10.0.0.30");
     data.data.Set("", 0);
-    ASSERT_TRUE(service->push(encode(data)));
+    ASSERT_TRUE(service->push(Encode(data)));
     ReceiveFileRes file;
     file.nTaskID = 8;
     file.ullCurrentSize = 10;
     file.ullTotalSize = 20;
     strcpy(file.strFileName, "photo.jpg");
     file.sender = target(30, "10.0.0.30");
-    const Bytes wire = encode(file);
+    const Bytes wire = Encode(file);
     ASSERT_EQ(620u, wire.size()) << "file events are 8 bytes shorter than their class says";
     ASSERT_TRUE(service->push(wire));
     ASSERT_TRUE(callbacks.waitFor("receive-file", 1));
@@ -369,12 +369,12 @@ TEST_F(FileTest, ProgressGoesToTheSendersCallbackAndControlsCarryTheTaskID) {
     ASSERT_EQ(0, agent->sendFile("/data/a.txt", &app, CallbackRecorder::onFile, &user, &taskID, false, 0));
     SendFileStatusRes progress;
     progress.nTaskID = 78;
-    ASSERT_TRUE(service->push(encode(progress)));  // another task: nobody is told
+    ASSERT_TRUE(service->push(Encode(progress)));  // another task: nobody is told
     progress.nTaskID = 77;
     progress.ullCurrentSize = 5;
     progress.ullListTotalSize = 9;
     progress.receiver = app;
-    ASSERT_TRUE(service->push(encode(progress)));
+    ASSERT_TRUE(service->push(Encode(progress)));
     ASSERT_TRUE(callbacks.waitFor("file", 1));
     EXPECT_FALSE(callbacks.waitFor("file", 2, 300));
     const CallbackRecord record = callbacks.of("file")[0];
@@ -486,7 +486,7 @@ TEST_F(MediaTest, EachOperationSendsItsActionAndLayout) {
     };
     for (const Case& c : cases) {
         // Zeros after the action ID read as an empty, successful reply of every layout here.
-        service->answer(c.actionID, BodyBuilder(c.actionID).zeros(1848).build());
+        service->answer(c.actionID, B().i32(c.actionID).zeros(1848).v);
         EXPECT_EQ(0, c.call()) << c.actionID;
         const Bytes request = lastRequest(c.actionID);
         EXPECT_EQ(c.size, request.size()) << c.actionID;
@@ -515,7 +515,7 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
     SearchDeviceRes found(ACTION_SEARCH_DMS);
     found.devices = {server, device("second", DLNA_DEVICE_DMS)};
     found.nResult = 0;
-    service->answer(ACTION_SEARCH_DMS, encode(found));
+    service->answer(ACTION_SEARCH_DMS, Encode(found));
     std::vector<DLNADevice> devices(1);
     ASSERT_EQ(0, agent->searchDMS(&devices));
     ASSERT_EQ(3u, devices.size());
@@ -525,7 +525,7 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
         GetFileListRes listing(actionID);
         listing.items = {item("a"), item("b")};
         listing.nResult = 0;
-        service->answer(actionID, encode(listing));
+        service->answer(actionID, Encode(listing));
     }
     std::vector<FileInfo> items(1);
     ASSERT_EQ(0, agent->getFileList(&server, &items));
@@ -541,7 +541,7 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
     strcpy(network.device.szHostName, "phone");
     network.device.networkCards.resize(2);
     network.nResult = 0;
-    service->answer(ACTION_GET_LOCAL_NETWORK_DEVICE, encode(network));
+    service->answer(ACTION_GET_LOCAL_NETWORK_DEVICE, Encode(network));
     LocalNetworkDevice described;
     described.networkCards.resize(1);
     ASSERT_EQ(0, agent->getLocalNetworkInfo(&described));
@@ -551,12 +551,12 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
     SearchAppRes appsFound;
     appsFound.apps.resize(2);
     appsFound.nResult = 0;
-    service->answer(ACTION_SEARCH_APP, encode(appsFound));
+    service->answer(ACTION_SEARCH_APP, Encode(appsFound));
     std::vector<InteractionApp> apps(2);
     ASSERT_EQ(0, agent->searchInteractionApp(&apps));
     EXPECT_EQ(4u, apps.size());
 
-    Bytes lying = encode(found);
+    Bytes lying = Encode(found);
     lying[0] = ACTION_SEARCH_DMR;
     lying[4] = 3;  // claims three devices; two follow
     service->answer(ACTION_SEARCH_DMR, lying);
@@ -600,7 +600,7 @@ TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
     started.actionID = ACTION_DOWNLOAD_FILE;
     started.nTaskID = 55;
     started.nResult = 0;
-    service->answer(ACTION_DOWNLOAD_FILE, encode(started));
+    service->answer(ACTION_DOWNLOAD_FILE, Encode(started));
     int taskID = 0;
     ASSERT_EQ(0, agent->copyFileList(&server, &files, CallbackRecorder::onFile, &taskID));
     EXPECT_EQ(55, taskID);
@@ -610,13 +610,13 @@ TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
     progress.ullCurrentSize = 100;
     progress.otherSide = server;
     Wire::CopyText(progress.otherSide.IPv4, "10.0.0.40");
-    const Bytes wire = encode(progress);
+    const Bytes wire = Encode(progress);
     ASSERT_EQ(928u, wire.size());
     ASSERT_TRUE(service->push(wire));
     DMDeviceChangeRes change;
     change.nChangeType = 2;
     change.device = device("gone", DLNA_DEVICE_DMR);
-    ASSERT_TRUE(service->push(encode(change)));
+    ASSERT_TRUE(service->push(Encode(change)));
     ASSERT_TRUE(callbacks.waitFor("device", 1));
     ASSERT_EQ(1u, callbacks.of("file").size());
     const CallbackRecord copy = callbacks.of("file")[0];

@@ -35,7 +35,9 @@
 extern "C" const char* __asan_default_options() { return "quarantine_size_mb=4"; }
 
 using namespace PELK;
-using Clock = std::chrono::steady_clock;
+using pelktest::Clock;
+using pelktest::countEntries;
+using pelktest::secondsSince;
 using pelktest::ChildProcess;
 
 namespace {
@@ -61,21 +63,6 @@ int cycles() {
     const char* text = getenv("PELK_SOAK_CYCLES");
     const int value = text != nullptr ? atoi(text) : 0;
     return value > 0 ? value : 100;
-}
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-size_t countEntries(const char* folder) {
-    size_t count = 0;
-    if (DIR* dir = opendir(folder)) {
-        while (const dirent* entry = readdir(dir)) {
-            count += entry->d_name[0] == '.' ? 0 : 1;
-        }
-        closedir(dir);
-    }
-    return count;
 }
 
 long residentKiB() {

@@ -19,17 +19,12 @@ using PELK::InterAppChangeRes;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 Bytes appChange(int changeType, const InteractionApp& app) {
     InterAppChangeRes event;
     event.nChangeType = changeType;
     event.app = app;
-    return encode(event);
+    return Encode(event);
 }
 
 InteractionApp otherApp(int appID, const char* name) {
@@ -290,7 +285,7 @@ TEST_F(AppEventTest, FramesThatCannotBeTrustedAreLoggedAndDropped) {
     dispatch(Bytes{45, 0});  // too short even for an action ID
     PELK::ReceiveDataRes lying;
     lying.data.Set("abcd", 4);
-    Bytes claimsMore = encode(lying);
+    Bytes claimsMore = Encode(lying);
     claimsMore[316] = 200;  // says 200 bytes follow; 4 do
     dispatch(claimsMore);
     dispatch(body(99, {7}));
@@ -332,7 +327,7 @@ TEST_F(CallbackReentryTest, EveryOperationWorksFromInsideACallback) {
     for (int32_t id = 9; id <= 53; ++id) {
         if (id != ACTION_REGISTER && id != ACTION_UNREGISTER && id != ACTION_SET_RECEIVE_OPTION) {
             // Zeros after the action ID read as an empty, successful reply of every layout.
-            service->answer(id, BodyBuilder(id).zeros(1848).build());
+            service->answer(id, B().i32(id).zeros(1848).v);
         }
     }
     const InteractionApp peer = otherApp(20, "peer");

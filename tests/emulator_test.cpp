@@ -4,9 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
-#include <sstream>
 
 #include "Paths.h"
 #include "ServiceCodes.h"
@@ -15,6 +13,8 @@
 
 using namespace PELK;
 using namespace PELK::Emulator;
+using pelktest::pattern;
+using pelktest::readFile;
 using pelktest::B;
 using pelktest::Bytes;
 
@@ -88,21 +88,6 @@ std::vector<Received> receivedData(const std::vector<Bytes>& bodies) {
         }
     }
     return found;
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-std::string pattern(size_t size, unsigned seed) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        text[i] = static_cast<char>((i * 131 + seed) % 251);
-    }
-    return text;
 }
 
 InteractionApp addressOf(int32_t appID) {

@@ -17,9 +17,12 @@
 #include "support/AgentFixture.h"
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
+#include "support/Waits.h"
 
 using namespace PELK;
 using namespace PELK::Emulator;
+using pelktest::pattern;
+using pelktest::readFile;
 using pelktest::CallbackRecord;
 using pelktest::CallbackRecorder;
 using pelktest::ChildProcess;
@@ -30,21 +33,6 @@ namespace {
 constexpr int kWaitMs = 20000;
 // Reconnection takes the agent 3 s and then up to 6 s more, by design.
 constexpr int kReconnectMs = 30000;
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
-
-std::string pattern(size_t size, unsigned seed) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        text[i] = static_cast<char>((i * 2654435761u + seed) >> 13);
-    }
-    return text;
-}
 
 class EndToEndTest : public ::testing::Test {
 protected:
@@ -99,16 +87,16 @@ protected:
 
     // The agent's app callback has reported name with this status.
     bool appeared(const std::string& name, int status = Agent::APP_STATUS_CHANGE_ADD) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        do {
-            for (const CallbackRecord& record : callbacks.of("app")) {
-                if (record.status == status && name == record.app.szAppName) {
-                    return true;
+        return pelktest::waitUntil(
+            [&] {
+                for (const CallbackRecord& record : callbacks.of("app")) {
+                    if (record.status == status && name == record.app.szAppName) {
+                        return true;
+                    }
                 }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        } while (std::chrono::steady_clock::now() < deadline);
-        return false;
+                return false;
+            },
+            kWaitMs, 20);
     }
 
     InteractionApp appNamed(const std::string& name) {

@@ -1,8 +1,6 @@
 // Cycles the faults of a misbehaving service against the link for PELK_SOAK_SECONDS (30 when
 // unset). Run under the sanitizers (tools/soak.sh) it shows that none of them crashes, races,
 // leaks memory or descriptors, hangs a call or a stop, or loses the loss event.
-#include <dirent.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,6 +14,7 @@
 
 #include "TransferClient.h"
 #include "support/FakeService.h"
+#include "support/Waits.h"
 
 using PELK::Agent::TransferClient;
 using pelktest::body;
@@ -24,7 +23,8 @@ using pelktest::FakeService;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using pelktest::Clock;
+using pelktest::secondsSince;
 
 // The soak overflows the event queue in every few rounds, so it narrows the bound.
 const unsigned int kSoakMaxEvents = 2000;
@@ -32,17 +32,6 @@ const unsigned int kSoakMaxEvents = 2000;
 int soakSeconds() {
     const char* text = getenv("PELK_SOAK_SECONDS");
     return text != nullptr && atoi(text) > 0 ? atoi(text) : 30;
-}
-
-size_t openDescriptors() {
-    size_t count = 0;
-    if (DIR* fds = opendir("/proc/self/fd")) {
-        while (readdir(fds) != nullptr) {
-            ++count;
-        }
-        closedir(fds);
-    }
-    return count;
 }
 
 // Counts what the callback receives, by kind: the loss event, the null frame, anything else.
@@ -98,10 +87,6 @@ int call(TransferClient& client, int32_t action, int timeout) {
                            timeout);
     delete[] resp;
     return result;
-}
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 // One round of one fault; the link is started with the callback set, and stopped afterwards.
@@ -184,7 +169,7 @@ void runFault(int fault, FakeService& service, TransferClient& client, Seen& see
 }
 
 TEST(LinkSoak, EveryFaultOverAndOverLeavesNothingBehind) {
-    const size_t descriptors = openDescriptors();
+    const size_t descriptors = pelktest::countEntries("/proc/self/fd");
     {
         FakeService service;
         ASSERT_TRUE(service.listening()) << "127.0.0.1:20014 is taken";
@@ -213,7 +198,7 @@ TEST(LinkSoak, EveryFaultOverAndOverLeavesNothingBehind) {
         PELK::Agent::setQueueBoundsForTesting(0, 0);
         printf("%d rounds in %d s\n", rounds, soakSeconds());
     }
-    EXPECT_EQ(descriptors, openDescriptors());
+    EXPECT_EQ(descriptors, pelktest::countEntries("/proc/self/fd"));
 }
 
 }  // namespace

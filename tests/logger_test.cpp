@@ -6,8 +6,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -25,11 +23,6 @@ namespace {
 std::vector<std::string> g_tagged;
 void recordWithTag(int priority, const char* tag, const char* text) {
     g_tagged.push_back(std::to_string(priority) + " " + tag + " " + text);
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 const ZTLogger* logger() { return ZTLogger::getDefaultLogger(); }

@@ -22,10 +22,15 @@
 
 #include "support/FakeService.h"
 #include "support/TempDir.h"
+#include "support/Waits.h"
 
+using pelktest::B;
 using pelktest::body;
 using pelktest::Bytes;
 using pelktest::FakeService;
+using pelktest::readField;
+using pelktest::readInt32;
+using pelktest::readText;
 
 // The VM is not built with the sanitizers: what it keeps until its teardown (which these tests
 // never reach), and what looks unsynchronised inside it, is not ours. Leaks are told apart by
@@ -129,87 +134,33 @@ bool logged(char level, const std::string& function, const std::string& message)
 const std::string kNative = "Java_com_quorvik_kolt_pelk_agent_PELKAgentNativeLib_";
 
 // ---------------------------------------------------------------------------------------------
-// Bodies written from the offset tables, and fields read back from requests.
-
-class Out {
-public:
-    explicit Out(int32_t actionID = 0, bool withAction = true) {
-        if (withAction) {
-            i32(actionID);
-        }
-    }
-    Out& i32(int32_t v) { return raw(&v, 4); }
-    Out& i64(int64_t v) { return raw(&v, 8); }
-    Out& u8(uint8_t v) { return raw(&v, 1); }
-    Out& text(const std::string& s, size_t size) {
-        Bytes field(size, 0);
-        memcpy(field.data(), s.data(), std::min(s.size(), size));
-        return add(field);
-    }
-    Out& add(const Bytes& more) {
-        bytes.insert(bytes.end(), more.begin(), more.end());
-        return *this;
-    }
-    Out& raw(const void* data, size_t size) {
-        const uint8_t* p = static_cast<const uint8_t*>(data);
-        bytes.insert(bytes.end(), p, p + size);
-        return *this;
-    }
-    operator const Bytes&() const { return bytes; }
-    Bytes bytes;
-};
+// Records written from the offset tables.
 
 Bytes appRecord(const std::string& name, int id, int type, const std::string& ip, const std::string& mac, bool local) {
-    return Out(0, false).text(name, 260).i32(id).i32(type).text(ip, 16).text(mac, 18).u8(local).u8(0);
+    return B().str(name, 260).i32(id).i32(type).str(ip, 16).str(mac, 18).u8(local).u8(0);
 }
 
 Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local) {
-    return Out(0, false).text(name, 260).i32(type).text(uuid, 100).text(ip, 16).u8(local).add(Bytes(231, 0));
+    return B().str(name, 260).i32(type).str(uuid, 100).str(ip, 16).u8(local).zeros(231);
 }
 
 Bytes fileRecord(const std::string& id, const std::string& title) {
-    return Out(0, false)
-        .text("uuid:srv", 100)
-        .text("0", 100)
-        .text(id, 100)
-        .text(title, 260)
-        .text("video", 260)
-        .text("http://10.0.0.5/" + id, 1024);
+    return B().str("uuid:srv", 100).str("0", 100).str(id, 100).str(title, 260).str("video", 260).str(
+        "http://10.0.0.5/" + id, 1024);
 }
 
 // The head of the file events 14, 19 and 41.
-Out fileEventHead(int32_t action, int32_t taskID, const std::string& name) {
-    Out out(action);
-    out.i32(0).i64(5000000001).i64(5000000002).i64(5000000003).i32(2).i32(taskID).i32(1).i32(3).text(name, 260);
-    return out;
+B fileEventHead(int32_t action, int32_t taskID, const std::string& name) {
+    B out;
+    out.i32(action).i32(0).i64(5000000001).i64(5000000002).i64(5000000003);
+    return out.i32(2).i32(taskID).i32(1).i32(3).str(name, 260);
 }
 
 constexpr int kAppID = 7;  // what the fake service assigns at registration
 
 // The tag that a send carries and its status events bring back: the two apps' low bytes.
 Bytes sendTag(int remoteAppID) {
-    return Out(0, false).u8(kAppID).u8(static_cast<uint8_t>(remoteAppID)).u8(3).u8(0).i32(0);
-}
-
-// The bytes of a field, or none (a failure) when the body is too short for it.
-std::string fieldAt(const Bytes& b, size_t offset, size_t size) {
-    if (offset + size > b.size()) {
-        ADD_FAILURE() << "a body of " << b.size() << " bytes has no field at " << offset;
-        return std::string(size, '\0');
-    }
-    return std::string(b.begin() + static_cast<long>(offset), b.begin() + static_cast<long>(offset + size));
-}
-
-int32_t int32At(const Bytes& b, size_t offset) {
-    int32_t v = 0;
-    memcpy(&v, fieldAt(b, offset, 4).data(), 4);
-    return v;
-}
-
-// A text field up to its terminator.
-std::string textAt(const Bytes& b, size_t offset, size_t size) {
-    const std::string field = fieldAt(b, offset, size);
-    return field.substr(0, strnlen(field.c_str(), size));
+    return B().u8(kAppID).u8(static_cast<uint8_t>(remoteAppID)).u8(3).u8(0).i32(0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -357,10 +308,7 @@ protected:
     }
     // Waits until the VM knows this many threads (a delivering thread detaches after its call).
     bool awaitLiveThreads(int n) {
-        for (int i = 0; i < 500 && probeInt("liveThreads") != n; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return probeInt("liveThreads") == n;
+        return pelktest::waitUntil([&] { return probeInt("liveThreads") == n; }, 5000, 10);
     }
 
     void registerApp(jobject appListener, jobject deviceListener) {
@@ -383,45 +331,45 @@ TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
     jobject devices = recorder();
     registerApp(apps, devices);
     const Bytes reg = request(1);
-    EXPECT_EQ(int32At(reg, 4), 3);
-    EXPECT_EQ(textAt(reg, 8, 260), "demo");
-    EXPECT_EQ(fieldAt(reg, 268, 2), "\1\1") << "device and app events wanted";
+    EXPECT_EQ(readInt32(reg, 4), 3);
+    EXPECT_EQ(readText(reg, 8, 260), "demo");
+    EXPECT_EQ(readField(reg, 268, 2), "\1\1") << "device and app events wanted";
     EXPECT_TRUE(logged('D', "registerApp", "ActionAgentWrapper::registerApp() ------ Registe app:7 successful."));
     EXPECT_EQ(describe(call("getInteractionAppList", {})), "[]") << "no app known yet: an empty array";
 
-    service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "aa:bb:cc:dd:ee:ff", true)));
+    service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "aa:bb:cc:dd:ee:ff", true)));
     EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true} 1");
-    service.push(Out(32).i32(0).i32(2).add(deviceRecord("Living room", 1, "uuid:tv", "10.0.0.5", false)));
+    service.push(B().i32(32).i32(0).i32(2).add(deviceRecord("Living room", 1, "uuid:tv", "10.0.0.5", false)));
     EXPECT_EQ(next(devices), "onDLNADeviceChange device{Living room,1,uuid:tv,10.0.0.5,false} 2");
 
     EXPECT_EQ(describe(call("getInteractionAppList", {})), "[app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true}]");
-    service.answer(44, Out(44).i32(1).add(appRecord("far", 30, 1, "10.0.0.30", "", false)).i32(0));
+    service.answer(44, B().i32(44).i32(1).add(appRecord("far", 30, 1, "10.0.0.30", "", false)).i32(0));
     EXPECT_EQ(describe(call("searchInteractionApp", {})), "[app{far,30,1,10.0.0.30,,false}]");
     EXPECT_TRUE(logged('I', kNative + "searchInteractionApp", "searchInteractionApp contains 1 apps!"));
     service.answer(49, body(49, {0}));
     EXPECT_EQ(callInt("refreshInteractionApp", {boolean(true)}), 0);
-    EXPECT_EQ(fieldAt(request(49), 4, 1), "\1");
+    EXPECT_EQ(readField(request(49), 4, 1), "\1");
 
     EXPECT_EQ(callInt("unRegisterApp", {}), 0);
-    EXPECT_EQ(int32At(request(2), 4), kAppID);
+    EXPECT_EQ(readInt32(request(2), 4), kAppID);
     EXPECT_EQ(describe(call("getInteractionAppList", {})), "null") << "not registered: the agent's code, no array";
 }
 
 TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
     registerApp(recorder(), nullptr);
-    EXPECT_EQ(fieldAt(request(1), 268, 1), std::string(1, '\0')) << "no device listener, no device events";
+    EXPECT_EQ(readField(request(1), 268, 1), std::string(1, '\0')) << "no device listener, no device events";
     service.answer(18, body(18, {4}));
     // The length asked for is cut to the array: nothing past its end is read.
     EXPECT_EQ(
         callInt("sendData", {bytes("hello"), integer(100), str("10.0.0.2"), integer(12), boolean(true), integer(3)}),
         4);
     const Bytes tcp = request(18);
-    EXPECT_EQ(int32At(tcp, 4 + 260), 12);
-    EXPECT_EQ(textAt(tcp, 4 + 268, 16), "10.0.0.2");
-    EXPECT_EQ(fieldAt(tcp, 308, 1), "\1");
-    EXPECT_EQ(int32At(tcp, 309), 3000) << "3 s";
-    EXPECT_EQ(int32At(tcp, 313), 5);
-    EXPECT_EQ(fieldAt(tcp, 317, 5), "hello");
+    EXPECT_EQ(readInt32(tcp, 4 + 260), 12);
+    EXPECT_EQ(readText(tcp, 4 + 268, 16), "10.0.0.2");
+    EXPECT_EQ(readField(tcp, 308, 1), "\1");
+    EXPECT_EQ(readInt32(tcp, 309), 3000) << "3 s";
+    EXPECT_EQ(readInt32(tcp, 313), 5);
+    EXPECT_EQ(readField(tcp, 317, 5), "hello");
     EXPECT_TRUE(logged('D', kNative + "sendData", kNative + "sendData: buf: hello!"));
     EXPECT_TRUE(logged('D', "sendData", "ActionAgentWrapper::sendData() ------ nReturn for Send data: 4"));
 
@@ -430,18 +378,18 @@ TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
     EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("1.2.3.4"), integer(12), boolean(false), nullptr}),
               0);
     const Bytes udp = request(48);
-    EXPECT_EQ(fieldAt(udp, 4 + 268, 16), std::string("1.2.3.4\0"
+    EXPECT_EQ(readField(udp, 4 + 268, 16), std::string("1.2.3.4\0"
                                                      "1\0\0\0\0\0\0\0",
                                                      16));
-    EXPECT_EQ(fieldAt(udp, 308, 1), std::string(1, '\0'));
+    EXPECT_EQ(readField(udp, 308, 1), std::string(1, '\0'));
 
     service.answer(16, body(16, {0}));
     EXPECT_EQ(callInt("broadcast", {bytes("b"), integer(1), str("10.0.0.255"), boolean(true)}), 0);
-    EXPECT_EQ(textAt(request(16), 4 + 268, 16), "10.0.0.255");
+    EXPECT_EQ(readText(request(16), 4 + 268, 16), "10.0.0.255");
     EXPECT_EQ(callInt("sendUDPDataAll", {bytes("all"), integer(3), boolean(false)}), 0);
     const Bytes all = request(16);
-    EXPECT_EQ(textAt(all, 4 + 268, 16), "0.0.0.0");
-    EXPECT_EQ(fieldAt(all, 313, 3), "all");
+    EXPECT_EQ(readText(all, 4 + 268, 16), "0.0.0.0");
+    EXPECT_EQ(readField(all, 313, 3), "all");
 }
 
 TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
@@ -452,8 +400,8 @@ TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
               0);
     EXPECT_EQ(callInt("asynSendData", {bytes("two"), integer(3), str("10.0.0.2"), integer(12), boolean(false), second}),
               0);
-    EXPECT_EQ(fieldAt(request(53), 309, 1), "\1") << "a status is wanted";
-    const Bytes status = Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12));
+    EXPECT_EQ(readField(request(53), 309, 1), "\1") << "a status is wanted";
+    const Bytes status = B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12));
     service.push(status);
     service.push(status);
     EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
@@ -461,7 +409,7 @@ TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
 
     service.answer(48, body(48, {0}));
     EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("10.0.0.2"), integer(12), boolean(true), second}), 0);
-    service.push(Out(52).i32(6).i32(1).text("10.0.0.2", 16).i32(12).add(sendTag(12)));
+    service.push(B().i32(52).i32(6).i32(1).str("10.0.0.2", 16).i32(12).add(sendTag(12)));
     EXPECT_EQ(next(first), "onSendingData data{6,1,12,10.0.0.2}");
     EXPECT_EQ(count(second), 0);
 }
@@ -475,16 +423,16 @@ TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
         callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
         42);
     const Bytes one = request(13);
-    EXPECT_EQ(int32At(one, 4), 1);
-    EXPECT_EQ(textAt(one, 8, 260), "/data/a.txt");
-    EXPECT_EQ(int32At(one, 268 + 260), 12);
-    EXPECT_EQ(textAt(one, 268 + 268, 16), "10.0.0.2");
+    EXPECT_EQ(readInt32(one, 4), 1);
+    EXPECT_EQ(readText(one, 8, 260), "/data/a.txt");
+    EXPECT_EQ(readInt32(one, 268 + 260), 12);
+    EXPECT_EQ(readText(one, 268 + 268, 16), "10.0.0.2");
 
     service.answer(51, body(51, {43, 0}));
     EXPECT_EQ(callInt("sendFileList", {array("java/lang/String", {str("/data/a"), str("/data/b")}), str("10.0.0.2"),
                                        list, integer(12), boolean(true), integer(0)}),
               43);
-    EXPECT_EQ(textAt(request(51), 8 + 260, 260), "/data/b");
+    EXPECT_EQ(readText(request(51), 8 + 260, 260), "/data/b");
 
     service.push(fileEventHead(14, 42, "a.txt").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
     EXPECT_EQ(next(single), "onSendingFile fileEvent{5000000001,5000000002,5000000003,42,1,3,2,a.txt,10.0.0.2,12}");
@@ -509,8 +457,8 @@ TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
     }
     EXPECT_EQ(service.received(9).size(), 2u);
     EXPECT_TRUE(service.received(10).empty());
-    EXPECT_EQ(int32At(request(11), 4), 42);
-    EXPECT_EQ(int32At(request(12), 4), 42);
+    EXPECT_EQ(readInt32(request(11), 4), 42);
+    EXPECT_EQ(readInt32(request(12), 4), 42);
     EXPECT_EQ(callInt("deleteSendFileCallback", {integer(42)}), 0);
     EXPECT_EQ(callInt("deleteSendFileCallback", {integer(42)}), 1) << "already gone";
 }
@@ -521,14 +469,14 @@ TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
     service.answer(15, body(15, {0}));
     EXPECT_EQ(callInt("setReceiveOption", {str("/data/in"), in}), 0);
     const Bytes option = request(15);
-    EXPECT_EQ(textAt(option, 4, 260), "/data/in");
-    EXPECT_EQ(fieldAt(option, 264, 3), "\1\1\1") << "rename, data and files wanted";
-    EXPECT_EQ(int32At(option, 267), 1);
+    EXPECT_EQ(readText(option, 4, 260), "/data/in");
+    EXPECT_EQ(readField(option, 264, 3), "\1\1\1") << "rename, data and files wanted";
+    EXPECT_EQ(readInt32(option, 267), 1);
 
     const Bytes peer = appRecord("peer", 12, 0, "10.0.0.9", "aa:bb:cc:dd:ee:ff", false);
-    service.push(Out(20).i32(1).i32(5).add(peer).i32(5).raw("he\x01lo", 5));
+    service.push(B().i32(20).i32(1).i32(5).add(peer).i32(5).str("he\x01lo", 5));
     EXPECT_EQ(next(in), "onReceivingData 5 \"he\\x01lo\" 5 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
-    service.push(Out(20).i32(1).i32(6).add(peer).i32(0));
+    service.push(B().i32(20).i32(1).i32(6).add(peer).i32(0));
     EXPECT_EQ(next(in), "onReceivingData 6 \"\" 0 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
     service.push(fileEventHead(19, 8, "in.bin").add(sendTag(12)).add(peer));
     EXPECT_EQ(next(in), "onReceivingFile fileEvent{5000000001,5000000002,5000000003,8,1,3,2,in.bin,10.0.0.9,12}");
@@ -545,16 +493,16 @@ TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
                       {make(optionClass, "(Ljava/lang/String;ZI)V", str(folder), JNI_FALSE, 30), recorder()}),
               0);
     const Bytes optionX = request(15);
-    EXPECT_EQ(textAt(optionX, 4, 260), folder.substr(0, 259));
-    EXPECT_EQ(fieldAt(optionX, 264, 3), std::string(3, '\0'));
-    EXPECT_EQ(int32At(optionX, 267), 30);
+    EXPECT_EQ(readText(optionX, 4, 260), folder.substr(0, 259));
+    EXPECT_EQ(readField(optionX, 264, 3), std::string(3, '\0'));
+    EXPECT_EQ(readInt32(optionX, 267), 30);
 }
 
 TEST_F(BridgeTest, MediaServersAndTheirContentComeBackAsJavaRecords) {
     registerApp(recorder(), nullptr);
     // A list longer than the local reference budget of a native call: references must not pile up.
-    Out servers(22);
-    servers.i32(40);
+    B servers;
+    servers.i32(22).i32(40);
     std::string expected;
     for (int i = 0; i < 40; ++i) {
         servers.add(deviceRecord("NAS" + std::to_string(i), 0, "uuid:" + std::to_string(i), "10.0.0.5", i == 0));
@@ -569,27 +517,27 @@ TEST_F(BridgeTest, MediaServersAndTheirContentComeBackAsJavaRecords) {
 
     // Java texts longer than their native fields are cut to the field's size.
     jobject server = device(std::string(300, 'n'), 0, "uuid:nas", "192.168.100.200:1", true);
-    service.answer(24, Out(24).i32(1).add(fileRecord("1", "Movies")).i32(0));
+    service.answer(24, B().i32(24).i32(1).add(fileRecord("1", "Movies")).i32(0));
     EXPECT_EQ(describe(call("getRootFileList", {server})), "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]");
     const Bytes root = request(24);
-    EXPECT_EQ(fieldAt(root, 4, 260), std::string(260, 'n'));
-    EXPECT_EQ(textAt(root, 268, 100), "uuid:nas");
-    EXPECT_EQ(fieldAt(root, 368, 16), "192.168.100.200:");
-    EXPECT_EQ(fieldAt(root, 384, 1), "\1");
+    EXPECT_EQ(readField(root, 4, 260), std::string(260, 'n'));
+    EXPECT_EQ(readText(root, 268, 100), "uuid:nas");
+    EXPECT_EQ(readField(root, 368, 16), "192.168.100.200:");
+    EXPECT_EQ(readField(root, 384, 1), "\1");
 
     service.answer(25, body(25, {0, 0}));
     EXPECT_EQ(describe(call("getFileList", {server, file("1", "Movies")})), "null");
-    EXPECT_EQ(textAt(request(25), 616 + 200, 100), "1");
-    service.answer(26, Out(26).i32(1).add(fileRecord("1", "Movies")).i32(0));
+    EXPECT_EQ(readText(request(25), 616 + 200, 100), "1");
+    service.answer(26, B().i32(26).i32(1).add(fileRecord("1", "Movies")).i32(0));
     EXPECT_EQ(describe(call("getParentFileList", {server, file("7", "Clip")})),
               "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]");
-    EXPECT_EQ(textAt(request(26), 616 + 300, 260), "Clip");
+    EXPECT_EQ(readText(request(26), 616 + 300, 260), "Clip");
 
-    service.answer(47, Out(47).i32(0).add(fileRecord("0", "Root")));
+    service.answer(47, B().i32(47).i32(0).add(fileRecord("0", "Root")));
     jobject parent = make(kFileInfoClass, "()V");
     EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "Movies"), parent}), 0);
     EXPECT_EQ(describe(parent), "file{uuid:srv,0,0,Root,video,http://10.0.0.5/0}");
-    EXPECT_EQ(textAt(request(47), 4 + 200, 100), "1");
+    EXPECT_EQ(readText(request(47), 4 + 200, 100), "1");
     EXPECT_EQ(callInt("getParentDirectoryInfo", {file("2", "(null)"), parent}), 1001);
     EXPECT_TRUE(logged('W', "getFileInfo", "CallObjectMethod --> NULL == objectTitle"));
 }
@@ -603,9 +551,9 @@ TEST_F(BridgeTest, CopiesReportToTheLatestListenerAndReleaseTheOneBefore) {
     service.answer(40, body(40, {77, 0}));
     EXPECT_EQ(callInt("downLoad", {server, files, first}), 77);
     const Bytes down = request(40);
-    EXPECT_EQ(textAt(down, 4, 260), "NAS");
-    EXPECT_EQ(int32At(down, 1228), 2);
-    EXPECT_EQ(textAt(down, 1232 + 1844 + 200, 100), "2");
+    EXPECT_EQ(readText(down, 4, 260), "NAS");
+    EXPECT_EQ(readInt32(down, 1228), 2);
+    EXPECT_EQ(readText(down, 1232 + 1844 + 200, 100), "2");
     EXPECT_TRUE(logged('I', kNative + "downLoad", "Success to downLoad.TaskID:[77]!"));
 
     probeInt("globalRefs");
@@ -616,8 +564,8 @@ TEST_F(BridgeTest, CopiesReportToTheLatestListenerAndReleaseTheOneBefore) {
               78);
     EXPECT_EQ(probeInt("globalRefs"), refs) << "the first listener's references are released";
     const Bytes up = request(39);
-    EXPECT_EQ(textAt(up, 616, 260), "Phone");
-    EXPECT_EQ(textAt(up, 1232 + 2 * 1844 + 200, 100), "9");
+    EXPECT_EQ(readText(up, 616, 260), "Phone");
+    EXPECT_EQ(readText(up, 1232 + 2 * 1844 + 200, 100), "9");
 
     service.push(fileEventHead(41, 77, "a").add(sendTag(0)).add(deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false)));
     EXPECT_EQ(next(second), "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,77,1,3,2,a,10.0.0.5,0}");
@@ -633,11 +581,11 @@ TEST_F(BridgeTest, PlaybackAndServerControlsReachTheService) {
     // The facade hands its arguments to the agent in its own order, so the Java renderer is the
     // request's first device.
     const Bytes play = request(35);
-    EXPECT_EQ(textAt(play, 4, 260), "TV");
-    EXPECT_EQ(textAt(play, 616, 260), "NAS");
-    EXPECT_EQ(int32At(play, 1228), 1);
-    EXPECT_EQ(int32At(play, 1232 + 1844), 2);
-    EXPECT_EQ(int32At(play, 1236 + 1844), 0);
+    EXPECT_EQ(readText(play, 4, 260), "TV");
+    EXPECT_EQ(readText(play, 616, 260), "NAS");
+    EXPECT_EQ(readInt32(play, 1228), 1);
+    EXPECT_EQ(readInt32(play, 1232 + 1844), 2);
+    EXPECT_EQ(readInt32(play, 1236 + 1844), 0);
 
     const std::pair<const char*, int32_t> deviceControls[] = {{"stopCurPlayingFile", 36},
                                                               {"pauseCurPlayingFile", 37},
@@ -647,7 +595,7 @@ TEST_F(BridgeTest, PlaybackAndServerControlsReachTheService) {
     for (const auto& control : deviceControls) {
         service.answer(control.second, body(control.second, {0}));
         EXPECT_EQ(callInt(control.first, {renderer}), 0) << control.first;
-        EXPECT_EQ(textAt(request(control.second), 4, 260), "TV") << control.first;
+        EXPECT_EQ(readText(request(control.second), 4, 260), "TV") << control.first;
     }
     EXPECT_TRUE(logged('D', "stopCurPlayingFile", "ActionAgentWrapper::stopCopyTransfer()"));
 
@@ -658,15 +606,15 @@ TEST_F(BridgeTest, PlaybackAndServerControlsReachTheService) {
     EXPECT_EQ(callInt("stopDMS", {}), 0);
     EXPECT_EQ(callInt("rescanShareFolder", {}), 0);
     EXPECT_EQ(callInt("setMyDMSName", {str("Den")}), 0);
-    EXPECT_EQ(textAt(request(31), 4, 260), "Den");
+    EXPECT_EQ(readText(request(31), 4, 260), "Den");
     EXPECT_EQ(callInt("stopCopyTransfer", {integer(77)}), 0);
-    EXPECT_EQ(int32At(request(29), 4), 77);
+    EXPECT_EQ(readInt32(request(29), 4), 77);
     for (int kind : {1, 7, -1}) {
         EXPECT_EQ(callInt("rescanNetwork", {integer(kind)}), 0);
     }
     std::vector<int32_t> kinds;
     for (const Bytes& rescan : service.received(33)) {
-        kinds.push_back(int32At(rescan, 4));
+        kinds.push_back(readInt32(rescan, 4));
     }
     EXPECT_EQ(kinds, (std::vector<int32_t>{1, 2, 2})) << "unknown kinds ask for all devices";
     EXPECT_EQ(service.received(27).size() + service.received(28).size() + service.received(30).size(), 3u);
@@ -720,15 +668,6 @@ TEST_F(BridgeTest, NullArgumentsGiveTheirCodesAndNeverAJniError) {
                 service.received(36).empty());
 }
 
-// Polls until done() holds, up to 5 s.
-template <class Done>
-bool eventually(Done done) {
-    for (int i = 0; i < 500 && !done(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return done();
-}
-
 TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndItsThreadStaysAttachedUntilTheNext) {
     jobject apps = recorder();
     registerApp(apps, nullptr);
@@ -736,11 +675,11 @@ TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndItsThreadStaysAttach
     EXPECT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false),
                                        make("java/lang/Object", "()V")}),
               0);
-    service.push(Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12)));
-    EXPECT_TRUE(eventually([] { return logged('W', "OnDataSend", "methodID == NULL"); }));
+    service.push(B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)));
+    EXPECT_TRUE(pelktest::waitUntil([] { return logged('W', "OnDataSend", "methodID == NULL"); }, 5000, 10));
     EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "the dispatching thread stays attached";
 
-    service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "", false)));
+    service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "", false)));
     EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,,false} 1");
     EXPECT_TRUE(awaitLiveThreads(threads)) << "a delivered event detaches it";
 }
@@ -759,13 +698,13 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) 
     const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
     const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
     const std::vector<Bytes> events = {
-        Out(45).i32(0).i32(1).add(peer),
-        Out(32).i32(0).i32(1).add(nas),
-        Out(20).i32(1).i32(5).add(peer).i32(4).raw("data", 4),
+        B().i32(45).i32(0).i32(1).add(peer),
+        B().i32(32).i32(0).i32(1).add(nas),
+        B().i32(20).i32(1).i32(5).add(peer).i32(4).str("data", 4),
         fileEventHead(19, 8, "in").add(sendTag(12)).add(peer),
         fileEventHead(14, 42, "out").add(peer).add(sendTag(12)),
         fileEventHead(41, 77, "copy").add(sendTag(0)).add(nas),
-        Out(54).i32(0).i32(2).text("10.0.0.2", 16).i32(12).add(sendTag(12)),
+        B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)),
     };
     const int kinds = static_cast<int>(events.size());
     const auto round = [&](int times) {
@@ -817,10 +756,11 @@ TEST_F(BridgeTest, UnloadReleasesTheSendAndReceiveListenersAndTheCachedClasses) 
     EXPECT_EQ(probeInt("globalRefs"), refs - 12);
 
     // Events after unload find neither listener nor class: dropped, without a JNI error.
-    service.push(Out(20).i32(1).i32(5).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)).i32(1).raw("x", 1));
-    EXPECT_TRUE(eventually([] { return logged('W', "OnDataReceive", "methodID == NULL"); }));
-    service.push(Out(45).i32(0).i32(1).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)));
-    EXPECT_TRUE(eventually([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }));
+    service.push(B().i32(20).i32(1).i32(5).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)).i32(1).str("x", 1));
+    EXPECT_TRUE(pelktest::waitUntil([] { return logged('W', "OnDataReceive", "methodID == NULL"); }, 5000, 10));
+    service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)));
+    EXPECT_TRUE(
+        pelktest::waitUntil([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }, 5000, 10));
     EXPECT_EQ(count(r), 0);
 }
 

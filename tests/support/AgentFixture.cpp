@@ -117,12 +117,6 @@ void CallbackRecorder::runInside(const std::string& kind, std::function<void()> 
     m_action = std::move(action);
 }
 
-Bytes encode(const PELK::ReqResBase& message) {
-    Bytes bytes(message.GetSize());
-    bytes.resize(message.GetBuffer(bytes.data()));
-    return bytes;
-}
-
 std::vector<char> dispatchFrame(const Bytes& body) {
     const Bytes whole = frame(body);
     return std::vector<char>(whole.begin(), whole.end());
@@ -165,37 +159,12 @@ Bytes AgentTest::lastRequest(int32_t actionID) {
 }
 
 bool AgentTest::waitForAppID(int appID, int timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (agent->getAppID() != appID) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return waitUntil([&] { return agent->getAppID() == appID; }, timeoutMs);
 }
 
 void AgentTest::dispatch(const Bytes& body) {
     std::vector<char> whole = dispatchFrame(body);
     PELK::Agent::ActionAgent::onActionReceived(whole.data(), agent.get());
-}
-
-int32_t readInt32(const Bytes& bytes, size_t offset) {
-    if (offset + 4 > bytes.size()) {
-        ADD_FAILURE() << "no int32 at " << offset << " in " << bytes.size() << " bytes";
-        return 0;
-    }
-    return static_cast<int32_t>(bytes[offset] | bytes[offset + 1] << 8 | bytes[offset + 2] << 16 |
-                                static_cast<uint32_t>(bytes[offset + 3]) << 24);
-}
-
-std::string readText(const Bytes& bytes, size_t offset, size_t size) {
-    if (offset + size > bytes.size()) {
-        ADD_FAILURE() << "no text of " << size << " at " << offset << " in " << bytes.size() << " bytes";
-        return std::string();
-    }
-    const char* start = reinterpret_cast<const char*>(bytes.data() + offset);
-    return std::string(start, strnlen(start, size));
 }
 
 }  // namespace pelktest

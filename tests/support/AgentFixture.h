@@ -17,6 +17,8 @@
 #include "ActionAgent.h"
 #include "support/FakeService.h"
 #include "support/LogCapture.h"
+#include "support/MessageGoldens.h"
+#include "support/Waits.h"
 
 namespace pelktest {
 
@@ -66,8 +68,6 @@ private:
     std::function<void()> m_action;
 };
 
-// The body that a message class writes, for pushing events and scripting replies.
-Bytes encode(const PELK::ReqResBase& message);
 // A whole frame for the dispatcher: the length word, then the body.
 std::vector<char> dispatchFrame(const Bytes& body);
 
@@ -99,9 +99,6 @@ protected:
     // Hands a frame straight to the dispatcher on this thread.
     void dispatch(const Bytes& body);
 };
-
-int32_t readInt32(const Bytes& bytes, size_t offset);
-std::string readText(const Bytes& bytes, size_t offset, size_t size);
 
 }  // namespace pelktest
 

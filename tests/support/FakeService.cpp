@@ -7,8 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 
 namespace pelktest {
 
@@ -29,25 +32,13 @@ uint32_t readLittleEndian32(const uint8_t* at) {
 // ---------------------------------------------------------------------------------------------
 // Body building
 
-BodyBuilder& BodyBuilder::i32(int32_t value) {
-    const uint32_t bits = static_cast<uint32_t>(value);
-    for (int i = 0; i < 4; ++i) {
-        m_bytes.push_back(static_cast<uint8_t>(bits >> (8 * i)));
-    }
-    return *this;
-}
-
-BodyBuilder& BodyBuilder::zeros(size_t count) {
-    m_bytes.insert(m_bytes.end(), count, 0);
-    return *this;
-}
-
 Bytes body(int32_t actionID, std::initializer_list<int32_t> words) {
-    BodyBuilder builder(actionID);
+    B builder;
+    builder.i32(actionID);
     for (int32_t word : words) {
         builder.i32(word);
     }
-    return builder.build();
+    return builder.v;
 }
 
 Bytes frame(const Bytes& messageBody) {
@@ -62,6 +53,24 @@ Bytes frame(const Bytes& messageBody) {
 
 int32_t actionIdOf(const Bytes& messageBody) {
     return messageBody.size() < 4 ? -1 : static_cast<int32_t>(readLittleEndian32(messageBody.data()));
+}
+
+std::string readField(const Bytes& bytes, size_t offset, size_t size) {
+    if (offset + size > bytes.size()) {
+        ADD_FAILURE() << "no field of " << size << " at " << offset << " in " << bytes.size() << " bytes";
+        return std::string(size, '\0');
+    }
+    return std::string(bytes.begin() + static_cast<long>(offset), bytes.begin() + static_cast<long>(offset + size));
+}
+
+int32_t readInt32(const Bytes& bytes, size_t offset) {
+    const std::string field = readField(bytes, offset, 4);
+    return static_cast<int32_t>(readLittleEndian32(reinterpret_cast<const uint8_t*>(field.data())));
+}
+
+std::string readText(const Bytes& bytes, size_t offset, size_t size) {
+    const std::string field = readField(bytes, offset, size);
+    return field.substr(0, strnlen(field.c_str(), size));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -20,17 +20,52 @@ namespace pelktest {
 
 using Bytes = std::vector<uint8_t>;
 
-// Little-endian body building for tests, written independently of the library's coders.
-class BodyBuilder {
-public:
-    explicit BodyBuilder(int32_t actionID) { i32(actionID); }
-    BodyBuilder& i32(int32_t value);
-    BodyBuilder& zeros(size_t count);
-    const Bytes& build() const { return m_bytes; }
-    operator const Bytes&() const { return m_bytes; }
-
-private:
-    Bytes m_bytes;
+// Builds bodies straight from the offset tables, little-endian, independently of the library's
+// coders.
+struct B {
+    Bytes v;
+    B& i32(int64_t x) {
+        for (int i = 0; i < 4; ++i) v.push_back(static_cast<unsigned char>(static_cast<uint64_t>(x) >> (8 * i)));
+        return *this;
+    }
+    B& i64(uint64_t x) { return i32(static_cast<uint32_t>(x)).i32(static_cast<uint32_t>(x >> 32)); }
+    B& u8(int x) {
+        v.push_back(static_cast<unsigned char>(x));
+        return *this;
+    }
+    // s in a field of n bytes, cut or padded with zeros.
+    B& str(const std::string& s, size_t n) {
+        for (size_t i = 0; i < n; ++i) v.push_back(i < s.size() ? s[i] : 0);
+        return *this;
+    }
+    B& zeros(size_t n) { return str("", n); }
+    B& add(const Bytes& more) {
+        v.insert(v.end(), more.begin(), more.end());
+        return *this;
+    }
+    operator const Bytes&() const { return v; }
+    // Records: InteractionApp 304, DLNADevice 612, FileInfo 1844, NetworkCard 50, send tag 8 bytes.
+    B& app(int k) {
+        const std::string s = std::to_string(k);
+        str("app" + s, 260).i32(100 + k).i32(200 + k);
+        return str("10.0.0." + s, 16).str("aa:bb:cc:dd:ee:0" + s, 18).u8(1).u8(0);
+    }
+    B& dev(int k) {
+        const std::string s = std::to_string(k);
+        return str("dev" + s, 260).i32(k % 3).str("uuid-" + s, 100).str("10.1.0." + s, 16).u8(1).u8(k).zeros(230);
+    }
+    B& file(int k) {
+        const std::string s = std::to_string(k);
+        str("udn" + s, 100).str("parent" + s, 100).str("id" + s, 100);
+        return str("title" + s, 260).str("type" + s, 260).str("http://h/" + s, 1024);
+    }
+    B& card(int k) { return str("eth" + std::to_string(k), 16).str("10.2.0." + std::to_string(k), 16).str("mac", 18); }
+    B& tag(int k) { return u8(k).u8(k + 1).u8(3).u8(0).i32(1000 + k); }
+    // The 308-byte head of the file events.
+    B& fileHead(int32_t id) {
+        i32(id).i32(9).i64(0x100000002ull).i64(0x300000004ull).i64(0x500000006ull);
+        return i32(1).i32(2).i32(3).i32(4).str("report.pdf", 260);
+    }
 };
 
 // A body of an action ID followed by 32-bit words, e.g. body(2, {0}) for a result-0 reply.
@@ -38,6 +73,11 @@ Bytes body(int32_t actionID, std::initializer_list<int32_t> words = {});
 // The frame that carries a body: its length as a 32-bit little-endian word, then the body.
 Bytes frame(const Bytes& body);
 int32_t actionIdOf(const Bytes& body);
+// Fields read back from a body; a field beyond its end fails the test and reads as zeros.
+std::string readField(const Bytes& bytes, size_t offset, size_t size);
+int32_t readInt32(const Bytes& bytes, size_t offset);
+// A text field up to its terminator.
+std::string readText(const Bytes& bytes, size_t offset, size_t size);
 
 class FakeService {
 public:

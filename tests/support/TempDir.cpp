@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <vector>
 
 namespace pelktest {
@@ -43,6 +44,21 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
     std::ofstream out(full, std::ios::binary | std::ios::trunc);
     out << content;
     return full;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+std::string pattern(size_t size, unsigned seed) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = static_cast<char>((i * 2654435761u + seed) >> 13);
+    }
+    return text;
 }
 
 }  // namespace pelktest

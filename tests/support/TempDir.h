@@ -2,6 +2,7 @@
 #ifndef PELK_TESTS_TEMPDIR_H
 #define PELK_TESTS_TEMPDIR_H
 
+#include <cstddef>
 #include <string>
 
 namespace pelktest {
@@ -22,6 +23,11 @@ public:
 private:
     std::string m_path;
 };
+
+// The whole content of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+// size bytes that differ from seed to seed and repeat only after a long stretch.
+std::string pattern(size_t size, unsigned seed);
 
 }  // namespace pelktest
 
