@@ -282,7 +282,6 @@ TEST_F(ReceiveTest, DataAndFilesFromOtherAppsReachTheReceiveCallbacks) {
     strcpy(file.strFileName, "photo.jpg");
     file.sender = target(30, "10.0.0.30");
     const Bytes wire = Encode(file);
-    ASSERT_EQ(620u, wire.size()) << "file events are 8 bytes shorter than their class says";
     ASSERT_TRUE(service->push(wire));
     ASSERT_TRUE(callbacks.waitFor("receive-file", 1));
     ASSERT_EQ(1u, callbacks.of("receive-data").size());
@@ -610,9 +609,7 @@ TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
     progress.ullCurrentSize = 100;
     progress.otherSide = server;
     Wire::CopyText(progress.otherSide.IPv4, "10.0.0.40");
-    const Bytes wire = Encode(progress);
-    ASSERT_EQ(928u, wire.size());
-    ASSERT_TRUE(service->push(wire));
+    ASSERT_TRUE(service->push(Encode(progress)));
     DMDeviceChangeRes change;
     change.nChangeType = 2;
     change.device = device("gone", DLNA_DEVICE_DMR);

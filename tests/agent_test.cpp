@@ -19,7 +19,6 @@ using PELK::InterAppChangeRes;
 
 namespace {
 
-
 Bytes appChange(int changeType, const InteractionApp& app) {
     InterAppChangeRes event;
     event.nChangeType = changeType;
@@ -112,9 +111,7 @@ TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
         }
     });
     ASSERT_TRUE(service->push(appChange(3, otherApp(20, "busy"))));
-    while (!inside) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    EXPECT_TRUE(waitUntil([&] { return inside.load(); }, 5000));
     service->on(ACTION_UNREGISTER, [this](const Bytes&) {
         service->closeConnection();
         return std::vector<FakeService::Reply>{};
@@ -141,9 +138,7 @@ protected:
         const Clock::time_point lost = Clock::now();
         service->closeConnection();
         EXPECT_TRUE(callbacks.waitFor("app", 1));
-        for (int i = 0; i < 100 && agent->getAppID() != -1; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        waitForAppID(-1, 1000);
         return lost;
     }
 };

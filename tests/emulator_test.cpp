@@ -48,10 +48,6 @@ private:
     std::map<ClientId, std::vector<Bytes>> m_frames;
 };
 
-int32_t idOf(const Bytes& body) {
-    return static_cast<int32_t>(Wire::DecodeFixed32(body.data()));
-}
-
 // File events are written 8 bytes shorter than their GetSize(), and read as such by the agent.
 template <class Msg>
 Msg decoded(const Bytes& body) {
@@ -65,7 +61,7 @@ template <class Msg>
 std::vector<Msg> only(const std::vector<Bytes>& bodies, int32_t actionID) {
     std::vector<Msg> found;
     for (const Bytes& body : bodies) {
-        if (idOf(body) == actionID) {
+        if (pelktest::actionIdOf(body) == actionID) {
             found.push_back(decoded<Msg>(body));
         }
     }
@@ -81,7 +77,7 @@ struct Received {
 std::vector<Received> receivedData(const std::vector<Bytes>& bodies) {
     std::vector<Received> found;
     for (const Bytes& body : bodies) {
-        if (idOf(body) == ACTION_RECEIVE_DATA) {
+        if (pelktest::actionIdOf(body) == ACTION_RECEIVE_DATA) {
             ReceiveDataRes event;
             event.FromBuffer(body.data(), static_cast<unsigned int>(body.size()));
             found.push_back({event.nDataType, event.sender, std::string(event.data.pData, event.data.nLength)});
@@ -141,7 +137,7 @@ protected:
     template <class Res>
     int32_t result(ClientId client) {
         for (const Bytes& body : host.take(client)) {
-            if (!IsEventActionID(idOf(body))) {
+            if (!IsEventActionID(pelktest::actionIdOf(body))) {
                 return decoded<Res>(body).nResult;
             }
         }
@@ -186,12 +182,12 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
         }
         ASSERT_TRUE(service->receive(1, reinterpret_cast<const char*>(body.data()), static_cast<uint32_t>(body.size())));
         const std::vector<Bytes> sent = host.take(1);
-        if (idOf(body) == ACTION_ASYN_SEND_DATA) {  // no reply; the status it asked for
+        if (pelktest::actionIdOf(body) == ACTION_ASYN_SEND_DATA) {  // no reply; the status it asked for
             ASSERT_EQ(1u, sent.size());
             EXPECT_EQ(DATA_EVENT_FAILED, decoded<SendTCPDataStatusRes>(sent[0]).nEventType);
         } else {
             ASSERT_FALSE(sent.empty());
-            EXPECT_EQ(idOf(body), idOf(sent[0]));
+            EXPECT_EQ(pelktest::actionIdOf(body), pelktest::actionIdOf(sent[0]));
         }
     }
 }
@@ -432,7 +428,6 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
     const std::vector<Bytes> toSender = host.take(2);
     const std::vector<Bytes> toReceiver = host.take(1);
     for (const Bytes& event : toSender) {
-        EXPECT_EQ(620u, event.size());  // what GetBuffer writes, 8 less than GetSize()
         EXPECT_EQ(task, static_cast<int32_t>(Wire::DecodeFixed32(event.data() + 36)));
     }
     const std::vector<SendFileStatusRes> sent = only<SendFileStatusRes>(toSender, ACTION_SEND_FILE_STATUS);

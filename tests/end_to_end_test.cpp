@@ -146,7 +146,6 @@ TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
     ASSERT_TRUE(alice->awaitOutput("app joined: \"tester\" 127.0.0.1:", kWaitMs));
     const InteractionApp alicesRecord = appNamed("alice");
     EXPECT_EQ(11, alicesRecord.nType);
-    EXPECT_EQ(0, alicesRecord.fLocalDevice);
 
     const std::string text = "hello alice";
     EXPECT_EQ(0, agent.sendData(text.data(), static_cast<unsigned int>(text.size()), &alicesRecord, false, 10));

@@ -196,9 +196,6 @@ TEST(StructTest, ListRepliesPlaceTheResultBehindTheRecords) {
 }
 
 TEST(StructTest, DefaultsMakeAnUnreadReplyAFailure) {
-    EXPECT_EQ(1026, RegisterRes().nAppID);
-    EXPECT_EQ(-1, FileTransferCtrlRes().nTaskID);
-    EXPECT_EQ(-1, SendFileRes().nTaskID);
     for (const Golden& c : Goldens()) {  // every reply with a result starts at 1
         const Bytes fresh = Encode(*c.fresh());
         const std::string name = c.name;
@@ -206,8 +203,6 @@ TEST(StructTest, DefaultsMakeAnUnreadReplyAFailure) {
             EXPECT_EQ(B().i32(1).v, Bytes(fresh.end() - 4, fresh.end())) << name;
         }
     }
-    EXPECT_EQ(1, InterAppChangeRes().nStatus);
-    EXPECT_EQ(1, ReceiveDataRes().nStatus);
 }
 
 }  // namespace

@@ -400,9 +400,7 @@ TEST_F(TransferClientTest, DestroyRightAfterTheLossIsReported) {
 TEST_F(TransferClientTest, DestroyWhileTheReceiverWaitsForACallbackThatNeverComes) {
     ASSERT_TRUE(client->startTransfer());
     service->closeConnection();
-    for (int i = 0; i < 200 && !log.contains("wait for NetException to be handled"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    waitForLog("wait for NetException to be handled", 1, 1000);
     Clock::time_point start = Clock::now();
     client.reset();
     EXPECT_LT(secondsSince(start), 2.0);
