@@ -7,9 +7,10 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
-#include <sstream>
 #include <thread>
+
+#include "support/TempDir.h"
+#include "support/Waits.h"
 
 extern char** environ;
 
@@ -73,21 +74,11 @@ int ChildProcess::wait(int timeoutMs) {
 }
 
 std::string ChildProcess::output() const {
-    std::ifstream in(m_outputPath);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return readFile(m_outputPath);
 }
 
 bool ChildProcess::awaitOutput(const std::string& text, int timeoutMs) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (output().find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return waitUntil([&] { return output().find(text) != std::string::npos; }, timeoutMs, 20);
 }
 
 int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,

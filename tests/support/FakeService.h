@@ -3,6 +3,7 @@
 // reads whole frames, answers requests as each test scripts it, pushes events on demand, sends
 // raw bytes, closes or resets the connection, and records every frame it received.
 // All methods are safe to call from the test thread while the service thread runs.
+// Beside it, the one builder of bodies (B) and the readers of their fields that every suite uses.
 #ifndef PELK_TESTS_FAKESERVICE_H
 #define PELK_TESTS_FAKESERVICE_H
 

@@ -86,9 +86,4 @@ public final class Recorder implements InterAppChangeListener, DLNADeviceChangeL
         }
         return true;
     }
-
-    /** Forgets the calls not taken yet. */
-    public void clear() {
-        calls.clear();
-    }
 }
