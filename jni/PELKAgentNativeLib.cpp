@@ -134,6 +134,27 @@ private:
     T m_ref;
 };
 
+// The modified UTF-8 characters of a Java string, released when it goes out of scope.
+class UtfChars {
+public:
+    UtfChars(JNIEnv* env, jstring text)
+        : m_env(env), m_text(text), m_chars(text == nullptr ? nullptr : env->GetStringUTFChars(text, nullptr)) {}
+    ~UtfChars() {
+        if (m_chars != nullptr) {
+            m_env->ReleaseStringUTFChars(m_text, m_chars);
+        }
+    }
+    UtfChars(const UtfChars&) = delete;
+    UtfChars& operator=(const UtfChars&) = delete;
+
+    const char* get() const { return m_chars; }
+
+private:
+    JNIEnv* m_env;
+    jstring m_text;
+    const char* m_chars;
+};
+
 // The local references made for one listener call (at most four), deleted together.
 class LocalRefs {
 public:
@@ -620,14 +641,13 @@ int setReceiveOptionToObject(JNIEnv* env, const ReceiveOption& option, jobject& 
 // size of their native field.
 
 bool jstringToString(JNIEnv* env, jstring text, std::string& out) {
-    const char* chars = text == nullptr ? nullptr : env->GetStringUTFChars(text, nullptr);
-    if (chars == nullptr) {
+    const UtfChars chars(env, text);
+    if (chars.get() == nullptr) {
         clearException(env);
         LOG_WARN("GetStringUTFChars fail!");
         return false;
     }
-    out.assign(chars, strlen(chars));
-    env->ReleaseStringUTFChars(text, chars);
+    out.assign(chars.get());
     return true;
 }
 
@@ -659,14 +679,13 @@ int readText(JNIEnv* env, jclass cls, jobject obj, const char* name, char* field
         BRIDGE_LOG(ZT_LOG_WARNING, function, "CallObjectMethod --> NULL == %s", name);
         return kNullArgument;
     }
-    const char* chars = env->GetStringUTFChars(text.get(), nullptr);
-    if (chars == nullptr) {
+    const UtfChars chars(env, text.get());
+    if (chars.get() == nullptr) {
         clearException(env);
         BRIDGE_LOG(ZT_LOG_WARNING, function, "GetStringUTFChars --> NULL == %s", capitalised("p", name).c_str());
         return kNullArgument;
     }
-    copyCut(field, size, chars);
-    env->ReleaseStringUTFChars(text.get(), chars);
+    copyCut(field, size, chars.get());
     return 0;
 }
 
