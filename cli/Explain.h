@@ -9,8 +9,6 @@
 namespace PELK {
 namespace Cli {
 
-// The meaning of one of the library's own codes, or null for any other value.
-const char* describeLibraryCode(int code);
 // "CODE (meaning)" for any result, whoever produced it.
 std::string explain(int code);
 

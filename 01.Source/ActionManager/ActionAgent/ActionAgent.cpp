@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "ActionManager/ResultCodes.h"
 #include "AgentAppList.h"
 #include "CommonLib/OSAL.h"
 #include "CommonLib/ZTLogger.h"
@@ -25,7 +26,7 @@ const int kOneYear = 31536000;
 // First reconnection attempt after a loss, then the spacing between attempts' starts.
 const int kFirstReconnectMs = 3000;
 const int kReconnectIntervalMs = 6000;
-const int kReconnectStopResult = 1100;
+const int kReconnectStopResult = LinkResult::kNotRegistered;
 
 const unsigned int kMaxTCPData = 65535;
 const unsigned int kMaxUDPData = 2039;
@@ -258,23 +259,23 @@ int ActionAgent::registerApp(const char* name, int appID, void* user, InterAppCh
                              DLNADeviceChangeCallback dlnaCb, bool autoReconnect, bool /*reserved*/) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "on registerApp, m_nAppID=%d", m_nAppID.load());
     if (m_nAppID > 0) {
-        return 1200;
+        return RegisterResult::kAlreadyRegistered;
     }
     if (name == nullptr) {
-        return 1202;
+        return RegisterResult::kNoName;
     }
     const size_t length = strnlen(name, sizeof(InteractionApp::szAppName));
     if (length == 0) {
-        return 1203;
+        return RegisterResult::kEmptyName;
     }
     if (length >= sizeof(InteractionApp::szAppName)) {
-        return 1204;
+        return RegisterResult::kNameTooLong;
     }
     if (m_pTransferClient == nullptr || !m_pTransferClient->startTransfer()) {
-        return 1206;
+        return RegisterResult::kServiceUnreachable;
     }
     if (m_pInteractionAppList == nullptr) {
-        return 1201;  // the started link stays up; kept deliberately
+        return RegisterResult::kOutOfMemory;  // the started link stays up; kept deliberately
     }
     m_pInteractionAppList->clear();
     m_pRegisterUser = user;
@@ -289,7 +290,7 @@ int ActionAgent::registerApp(const char* name, int appID, void* user, InterAppCh
     if (code == kNoMemory) {
         ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory");
         m_pTransferClient->stopTransfer();
-        return 1201;
+        return RegisterResult::kOutOfMemory;
     }
     if (code != 0) {
         ZT_LOG(Common::ZT_LOG_WARNING, "Register fail!result=%d", code);
@@ -321,7 +322,7 @@ int ActionAgent::registerApp(const char* name, int appID, void* user, InterAppCh
 int ActionAgent::unregisterApp() {
     ZT_LOG(Common::ZT_LOG_DEBUG, "on unregisterApp, m_nAppID=%d", m_nAppID.load());
     if (m_nAppID < 1) {
-        return 1300;
+        return UnregisterResult::kNotRegistered;
     }
     if (m_pInteractionAppList != nullptr) {
         m_pInteractionAppList->clear();
@@ -339,7 +340,7 @@ int ActionAgent::unregisterApp() {
     const int code = exchange(request, &response, kServiceTimeout);
     if (code == kNoMemory) {
         ZT_LOG(Common::ZT_LOG_DEBUG, ">>>>>>>> pUnRegReq == null");
-        return 1301;
+        return UnregisterResult::kOutOfMemory;
     }
     if (code != 0) {
         ZT_LOG(Common::ZT_LOG_DEBUG, "serviceCall fail, result = %d", code);
@@ -467,14 +468,14 @@ int ActionAgent::callForResult(const ReqResBase& request, int timeoutSeconds, in
 template <class Req, class Res>
 int ActionAgent::deviceCommand(const DLNADevice* device, int code, DLNADevice Req::*field) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (device == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     Req request(code);
     request.*field = *device;
-    return callForResult<Res>(request, kServiceTimeout, 1008);
+    return callForResult<Res>(request, kServiceTimeout, CommonResult::kOutOfMemory);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -746,19 +747,19 @@ void ActionAgent::onTCPDataStatus(const char* body, uint32_t length) {
 
 int ActionAgent::sendData(const char* data, unsigned int len, const InteractionApp* app, bool flag, int timeout) {
     if (m_nAppID < 1) {
-        return 1400;
+        return SendDataResult::kNotRegistered;
     }
     if (data == nullptr) {
-        return 1402;
+        return SendDataResult::kNoData;
     }
     if (app == nullptr || app->szIPv4[0] == '\0') {
-        return 1403;
+        return SendDataResult::kNoTarget;
     }
     if (len > kMaxTCPData) {
-        return 1404;
+        return SendDataResult::kTooLong;
     }
     if (len == 0) {
-        return 1405;
+        return SendDataResult::kEmpty;
     }
     const int timeoutMillis = timeout >= 1 && timeout <= 200 ? timeout * 1000 : timeout;
     ZT_LOG(Common::ZT_LOG_INFO, "time_out=%d, time_out_millis=%d", timeout, timeoutMillis);
@@ -767,41 +768,41 @@ int ActionAgent::sendData(const char* data, unsigned int len, const InteractionA
     request.fFlag = flag;
     request.nTimeout = timeoutMillis;
     if (!request.data.Set(data, len)) {
-        return 1401;
+        return SendDataResult::kOutOfMemory;
     }
-    return callForResult<SendDataRes>(request, kServiceTimeout, 1401);
+    return callForResult<SendDataRes>(request, kServiceTimeout, SendDataResult::kOutOfMemory);
 }
 
 int ActionAgent::asynSendData(const char* data, unsigned int len, const InteractionApp* app, bool flag,
                               DataTransferCallback cb, void* user) {
     if (m_nAppID < 1) {
-        return 1400;
+        return SendDataResult::kNotRegistered;
     }
     if (data == nullptr) {
-        return 1402;
+        return SendDataResult::kNoData;
     }
     if (app == nullptr || app->szIPv4[0] == '\0') {
-        return 1403;
+        return SendDataResult::kNoTarget;
     }
     if (len > kMaxTCPData) {
-        return 1404;
+        return SendDataResult::kTooLong;
     }
     if (len == 0) {
-        return 1405;
+        return SendDataResult::kEmpty;
     }
     AsynSendDataReq request;
     request.app = *app;
     request.fFlag = flag;
     request.fWantStatus = cb != nullptr;
     if (!request.data.Set(data, len)) {
-        return 1401;
+        return SendDataResult::kOutOfMemory;
     }
     if (cb != nullptr) {
         addTCPCallBack(app->szIPv4, app->nAppID, cb, user);
     }
     int code = exchange(request, nullptr, kServiceTimeout);
     if (code == kNoMemory) {
-        code = 1401;
+        code = SendDataResult::kOutOfMemory;
     }
     if (code != 0 && cb != nullptr) {
         deleteTCPCallBack(app->szIPv4, app->nAppID);
@@ -812,25 +813,25 @@ int ActionAgent::asynSendData(const char* data, unsigned int len, const Interact
 int ActionAgent::sendUDPData(const char* data, unsigned int len, const InteractionApp* app, bool wantStatus,
                              DataTransferCallback cb, void* user) {
     if (m_nAppID < 1) {
-        return 1500;
+        return SendUDPDataResult::kNotRegistered;
     }
     if (data == nullptr) {
-        return 1502;
+        return SendUDPDataResult::kNoData;
     }
     if (app == nullptr || app->szIPv4[0] == '\0') {
-        return 1503;
+        return SendUDPDataResult::kNoTarget;
     }
     if (len > kMaxUDPData) {
         return sendUDPHugeData(data, len, app);
     }
     if (len == 0) {
-        return 1504;
+        return SendUDPDataResult::kEmpty;
     }
     SendUDPDataReq request;
     request.app = *app;
     request.fFlag = wantStatus;
     if (!request.data.Set(data, len)) {
-        return 1501;
+        return SendUDPDataResult::kOutOfMemory;
     }
     // Filed before the call, so that a status that overtakes the reply still finds its entry.
     const bool wantsCallBack = wantStatus && cb != nullptr;
@@ -840,7 +841,7 @@ int ActionAgent::sendUDPData(const char* data, unsigned int len, const Interacti
     SendUDPDataRes response;
     int code = exchange(request, &response, kServiceTimeout);
     if (code == kNoMemory) {
-        code = 1501;
+        code = SendUDPDataResult::kOutOfMemory;
     }
     if (code != 0) {
         if (wantsCallBack) {
@@ -853,24 +854,24 @@ int ActionAgent::sendUDPData(const char* data, unsigned int len, const Interacti
 
 int ActionAgent::sendUDPHugeData(const char* data, unsigned int len, const InteractionApp* app) {
     if (m_nAppID < 1) {
-        return 1600;
+        return SendUDPHugeDataResult::kNotRegistered;
     }
     if (data == nullptr) {
-        return 1602;
+        return SendUDPHugeDataResult::kNoData;
     }
     if (len == 0) {
-        return 1604;
+        return SendUDPHugeDataResult::kEmpty;
     }
     if (app == nullptr || app->szIPv4[0] == '\0') {
-        return 1603;
+        return SendUDPHugeDataResult::kNoTarget;
     }
     if (len > static_cast<unsigned int>(INT32_MAX)) {
-        return 1601;  // a payload's length must fit the pieces' int lengths
+        return SendUDPHugeDataResult::kOutOfMemory;  // a payload's length must fit the pieces' int lengths
     }
     const long start = clockStamp();
     DataBlock* first = createDataBlockList(data, static_cast<int>(len));
     if (first == nullptr) {
-        return 1601;
+        return SendUDPHugeDataResult::kOutOfMemory;
     }
     ZT_LOG(Common::ZT_LOG_DEBUG, "sendUDPHugeData 1 -----%ld ms", clockStamp() - start);
     int result = 0;
@@ -880,7 +881,7 @@ int ActionAgent::sendUDPHugeData(const char* data, unsigned int len, const Inter
         const int payloadLength = block->nLength + kHugeDataHeader;
         char* payload = new (std::nothrow) char[payloadLength];
         if (payload == nullptr) {
-            result = 1601;
+            result = SendUDPHugeDataResult::kOutOfMemory;
             break;
         }
         memcpy(payload, &block->nListID, sizeof(block->nListID));
@@ -889,7 +890,7 @@ int ActionAgent::sendUDPHugeData(const char* data, unsigned int len, const Inter
         delete[] request.data.pData;
         request.data.pData = payload;
         request.data.nLength = payloadLength;
-        result = callForResult<SendUDPHugeDataRes>(request, kServiceTimeout, 1601);
+        result = callForResult<SendUDPHugeDataRes>(request, kServiceTimeout, SendUDPHugeDataResult::kOutOfMemory);
         if (result != 0) {
             break;
         }
@@ -901,27 +902,27 @@ int ActionAgent::sendUDPHugeData(const char* data, unsigned int len, const Inter
 
 int ActionAgent::broadcast(const char* data, unsigned int len, const char* address, bool flag) {
     if (m_nAppID < 1) {
-        return 1900;
+        return BroadcastResult::kNotRegistered;
     }
     if (data == nullptr) {
-        return 1902;
+        return BroadcastResult::kNoData;
     }
     if (address == nullptr) {
-        return 1903;
+        return BroadcastResult::kNoAddress;
     }
     if (strnlen(address, kMaxBroadcastAddress + 1) > kMaxBroadcastAddress) {
-        return 1904;
+        return BroadcastResult::kAddressTooLong;
     }
     if (len > kMaxUDPData) {
-        return 1905;
+        return BroadcastResult::kTooLong;
     }
     BroadcastReq request;
     request.app.SetIPv4(address);
     request.fFlag = flag;
     if (!request.data.Set(data, len)) {
-        return 1901;
+        return BroadcastResult::kOutOfMemory;
     }
-    return callForResult<BroadcastRes>(request, kServiceTimeout, 1901);
+    return callForResult<BroadcastRes>(request, kServiceTimeout, BroadcastResult::kOutOfMemory);
 }
 
 void ActionAgent::addTCPCallBack(const char* address, long id, DataTransferCallback cb, void* user) {
@@ -1143,30 +1144,30 @@ void ActionAgent::limitHeldPayloads(uint64_t key) {
 int ActionAgent::sendFileList(const std::vector<std::string>* paths, const InteractionApp* app,
                               FileTransferCallback cb, void* user, uint32_t* taskId, bool flag, int mode) {
     if (m_nAppID < 1) {
-        return 1800;
+        return SendFileListResult::kNotRegistered;
     }
     if (paths == nullptr) {
-        return 1802;
+        return SendFileListResult::kNoList;
     }
     if (taskId == nullptr) {
-        return 1804;
+        return SendFileListResult::kNoTaskPlace;
     }
     if (app == nullptr) {
-        return 1805;
+        return SendFileListResult::kNoTarget;
     }
     if (paths->empty()) {
-        return 1803;
+        return SendFileListResult::kEmptyList;
     }
     SendFileReq request(flag ? ACTION_SEND_FILE_EX : ACTION_SEND_FILE);
     for (const std::string& path : *paths) {
         const std::string absolute = OSAbstractLayer::osal_getAbsolutePath(path.c_str());
         if (absolute.empty()) {
-            return 1806;
+            return SendFileListResult::kPathNotAbsolute;
         }
         const size_t separator = absolute.find_last_of("/\\");
         const size_t nameLength = separator == std::string::npos ? absolute.size() : absolute.size() - separator - 1;
         if (nameLength > kMaxFileName) {
-            return 1807;
+            return SendFileListResult::kNameTooLong;
         }
         request.files.emplace_back(absolute.c_str());
     }
@@ -1181,7 +1182,7 @@ int ActionAgent::sendFileList(const std::vector<std::string>* paths, const Inter
     const int code = exchange(request, &response, kServiceTimeout);
     if (code == kNoMemory) {
         ZT_LOG(Common::ZT_LOG_ERROR, "Out of memory!");
-        return 1801;
+        return SendFileListResult::kOutOfMemory;
     }
     if (code != 0) {
         return code;
@@ -1194,14 +1195,14 @@ int ActionAgent::sendFileList(const std::vector<std::string>* paths, const Inter
 int ActionAgent::sendFile(const char* path, const InteractionApp* app, FileTransferCallback cb, void* user,
                           uint32_t* taskId, bool flag, int mode) {
     if (m_nAppID < 1) {
-        return 1700;
+        return SendFileResult::kNotRegistered;
     }
     if (path == nullptr) {
-        return 1702;
+        return SendFileResult::kNoPath;
     }
     const std::string absolute = OSAbstractLayer::osal_getAbsolutePath(path);
     if (absolute.empty()) {
-        return 1703;
+        return SendFileResult::kPathNotAbsolute;
     }
     const std::vector<std::string> paths(1, absolute);
     return sendFileList(&paths, app, cb, user, taskId, flag, mode);
@@ -1209,14 +1210,14 @@ int ActionAgent::sendFile(const char* path, const InteractionApp* app, FileTrans
 
 int ActionAgent::fileTransferCtrl(uint32_t taskId, int code) {
     if (m_nAppID < 1) {
-        return 2000;
+        return TransferControlResult::kNotRegistered;
     }
     FileTransferCtrlReq request(code);
     request.nTaskID = static_cast<int32_t>(taskId);
     FileTransferCtrlRes response(code);
     const int result = exchange(request, &response, kServiceTimeout);
     if (result == kNoMemory) {
-        return 2001;
+        return TransferControlResult::kOutOfMemory;
     }
     return result != 0 ? result : response.nResult;
 }
@@ -1255,10 +1256,10 @@ int ActionAgent::cancelReceive(int taskId) {
 
 int ActionAgent::setReceiveOption(const ReceiveOption* option) {
     if (option == nullptr) {
-        return 2102;
+        return SetReceiveOptionResult::kNoOption;
     }
     if (m_nAppID < 1) {
-        return 2100;
+        return SetReceiveOptionResult::kNotRegistered;
     }
     SetReceiveOptionReq request;
     char directory[sizeof(option->directory)];
@@ -1271,7 +1272,7 @@ int ActionAgent::setReceiveOption(const ReceiveOption* option) {
     SetReceiveOptionRes response;
     const int code = exchange(request, &response, kServiceTimeout);
     if (code == kNoMemory) {
-        return 2101;
+        return SetReceiveOptionResult::kOutOfMemory;
     }
     if (code != 0) {
         return code;
@@ -1283,10 +1284,10 @@ int ActionAgent::setReceiveOption(const ReceiveOption* option) {
 
 int ActionAgent::getReceiveOption(ReceiveOption* option) {
     if (m_nAppID < 1) {
-        return 2200;
+        return GetReceiveOptionResult::kNotRegistered;
     }
     if (option == nullptr) {
-        return 2202;
+        return GetReceiveOptionResult::kNoPlace;
     }
     MutexGuard guard(&m_receiveOptionMutex);
     *option = m_receiveOption;
@@ -1295,7 +1296,7 @@ int ActionAgent::getReceiveOption(ReceiveOption* option) {
 
 int ActionAgent::deleteSendFileCallback(uint32_t taskId) {
     if (m_nAppID < 1) {
-        return 1100;
+        return LinkResult::kNotRegistered;
     }
     return deleteCallBack(taskId) ? 0 : 1;
 }
@@ -1342,16 +1343,16 @@ int ActionAgent::searchDMR(std::vector<DLNADevice>* devices) {
 
 int ActionAgent::searchDLNADevice(std::vector<DLNADevice>* devices, int code) {
     if (devices == nullptr) {
-        return 1001;  // checked before registration
+        return CommonResult::kMissingArgument;  // checked before registration
     }
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     const SearchDeviceReq request(code);
     SearchDeviceRes response(code);
     const int result = exchange(request, &response, kServiceTimeout);
     if (result == kNoMemory) {
-        return 1008;
+        return CommonResult::kOutOfMemory;
     }
     if (result != 0) {
         return result;
@@ -1363,10 +1364,10 @@ int ActionAgent::searchDLNADevice(std::vector<DLNADevice>* devices, int code) {
 int ActionAgent::requestFileList(int32_t actionID, const DLNADevice* server, const FileInfo* folder,
                                  std::vector<FileInfo>* items, int timeout) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (server == nullptr || items == nullptr || (actionID != ACTION_GET_ROOT_FILE_LIST && folder == nullptr)) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     GetFileListReq request(actionID);
     request.server = *server;
@@ -1376,7 +1377,7 @@ int ActionAgent::requestFileList(int32_t actionID, const DLNADevice* server, con
     GetFileListRes response(actionID);
     const int result = exchange(request, &response, timeout);
     if (result == kNoMemory) {
-        return 1008;
+        return CommonResult::kOutOfMemory;
     }
     if (result != 0) {
         return result;
@@ -1399,17 +1400,17 @@ int ActionAgent::getParentFileList(const DLNADevice* server, const FileInfo* ite
 
 int ActionAgent::getParentDirectoryInfo(const FileInfo* item, FileInfo* parent) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (item == nullptr || parent == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     GetParentDirectoryInfoReq request;
     request.item = *item;
     GetParentDirectoryInfoRes response;
     const int result = exchange(request, &response, kServiceTimeout);
     if (result == kNoMemory) {
-        return 1008;
+        return CommonResult::kOutOfMemory;
     }
     if (result != 0) {
         return result;
@@ -1434,7 +1435,7 @@ int ActionAgent::requestCopy(int32_t actionID, const DLNADevice* source, const D
     CopyFileRes response;
     const int result = exchange(request, &response, kServiceTimeout);
     if (result == kNoMemory) {
-        return 1008;
+        return CommonResult::kOutOfMemory;
     }
     if (result != 0) {
         return result;
@@ -1447,10 +1448,10 @@ int ActionAgent::requestCopy(int32_t actionID, const DLNADevice* source, const D
 int ActionAgent::copyFileList(const DLNADevice* server, const std::vector<FileInfo>* files, FileTransferCallback cb,
                               int* taskId) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (server == nullptr || files == nullptr || taskId == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     return requestCopy(ACTION_DOWNLOAD_FILE, server, nullptr, files, nullptr, cb, taskId);
 }
@@ -1458,31 +1459,31 @@ int ActionAgent::copyFileList(const DLNADevice* server, const std::vector<FileIn
 int ActionAgent::copyFileList(const DLNADevice* source, const DLNADevice* target, const std::vector<FileInfo>* files,
                               const FileInfo* targetFolder, FileTransferCallback cb, int* taskId) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (source == nullptr || target == nullptr || files == nullptr || targetFolder == nullptr || taskId == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     return requestCopy(ACTION_COPY_FILE, source, target, files, targetFolder, cb, taskId);
 }
 
 int ActionAgent::stopCopyTransfer(int taskId) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     CopyTransferCtrlReq request;
     request.nTaskID = taskId;
-    return callForResult<CopyTransferCtrlRes>(request, kServiceTimeout, 1008);
+    return callForResult<CopyTransferCtrlRes>(request, kServiceTimeout, CommonResult::kOutOfMemory);
 }
 
 int ActionAgent::playSelectedFile(int index, const DLNADevice* renderer, const std::vector<FileInfo>* files,
                                   const DLNADevice* server, PlayNotifyCallback /*cb*/, const void* /*context*/,
                                   int option) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (renderer == nullptr || files == nullptr || server == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     PlaySelectedFileReq request;
     request.server = *server;
@@ -1490,7 +1491,7 @@ int ActionAgent::playSelectedFile(int index, const DLNADevice* renderer, const s
     request.items = *files;
     request.nOption1 = index;
     request.nOption2 = option;
-    return callForResult<PlaySelectedFileRes>(request, kServiceTimeout, 1008);
+    return callForResult<PlaySelectedFileRes>(request, kServiceTimeout, CommonResult::kOutOfMemory);
 }
 
 int ActionAgent::stopCurPlayingFile(const DLNADevice* renderer) {
@@ -1532,51 +1533,51 @@ int ActionAgent::stopDMS() {
 
 int ActionAgent::dmsCtrl(int code, int timeout) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     const DMSCtrlReq request(code);
-    return callForResult<DMSCtrlRes>(request, timeout, 1008);
+    return callForResult<DMSCtrlRes>(request, timeout, CommonResult::kOutOfMemory);
 }
 
 int ActionAgent::setShareFolder(const char* path) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (path == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     SetShareFolderReq request;
     request.SetFolderPath(path);
-    return callForResult<SetShareFolderRes>(request, kOneYear, 1008);
+    return callForResult<SetShareFolderRes>(request, kOneYear, CommonResult::kOutOfMemory);
 }
 
 int ActionAgent::rescanShareFolder() {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     const UpdateShareFolderReq request;
-    return callForResult<UpdateShareFolderRes>(request, kOneYear, 1008);
+    return callForResult<UpdateShareFolderRes>(request, kOneYear, CommonResult::kOutOfMemory);
 }
 
 int ActionAgent::setMyDMSName(const char* name) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     if (name == nullptr) {
-        return 1001;
+        return CommonResult::kMissingArgument;
     }
     SetMyDMSNameReq request;
     request.SetName(name);
-    return callForResult<SetMyDMSNameRes>(request, kServiceTimeout, 1008);
+    return callForResult<SetMyDMSNameRes>(request, kServiceTimeout, CommonResult::kOutOfMemory);
 }
 
 int ActionAgent::rescanNetwork(DLNA_DEVICE_TYPE type) {
     if (m_nAppID < 1) {
-        return 1002;
+        return CommonResult::kNotRegistered;
     }
     RescanNetworkReq request;
     request.type = type;
-    return callForResult<RescanNetworkRes>(request, kServiceTimeout, 1008);
+    return callForResult<RescanNetworkRes>(request, kServiceTimeout, CommonResult::kOutOfMemory);
 }
 
 void ActionAgent::addFileCopyCallBack(unsigned long taskId, FileTransferCallback cb) {
@@ -1603,16 +1604,16 @@ FileCopyCallBack ActionAgent::getFileCopyCallBack(unsigned long taskId) {
 
 int ActionAgent::getLocalNetworkInfo(LocalNetworkDevice* device) {
     if (m_nAppID < 1) {
-        return 2500;
+        return NetworkInfoResult::kNotRegistered;
     }
     if (device == nullptr) {
-        return 2502;
+        return NetworkInfoResult::kNoPlace;
     }
     const GetLocalNetworkDeviceReq request;
     GetLocalNetworkDeviceRes response;
     const int result = exchange(request, &response, kServiceTimeout);
     if (result == kNoMemory) {
-        return 2501;
+        return NetworkInfoResult::kOutOfMemory;
     }
     if (result != 0) {
         return result;
@@ -1626,16 +1627,16 @@ int ActionAgent::getLocalNetworkInfo(LocalNetworkDevice* device) {
 
 int ActionAgent::searchInteractionApp(std::vector<InteractionApp>* apps) {
     if (m_nAppID < 1) {
-        return 2300;
+        return SearchAppResult::kNotRegistered;
     }
     if (apps == nullptr) {
-        return 2302;
+        return SearchAppResult::kNoList;
     }
     const SearchAppReq request;
     SearchAppRes response;
     const int result = exchange(request, &response, kServiceTimeout);
     if (result == kNoMemory) {
-        return 2301;
+        return SearchAppResult::kOutOfMemory;
     }
     if (result != 0) {
         return result;
@@ -1646,19 +1647,19 @@ int ActionAgent::searchInteractionApp(std::vector<InteractionApp>* apps) {
 
 int ActionAgent::refreshInteractionApp(bool flag) {
     if (m_nAppID < 1) {
-        return 2400;
+        return RefreshAppResult::kNotRegistered;
     }
     RefreshAppReq request;
     request.fRefresh = flag;
-    return callForResult<RefreshAppRes>(request, kServiceTimeout, 2401);
+    return callForResult<RefreshAppRes>(request, kServiceTimeout, RefreshAppResult::kOutOfMemory);
 }
 
 int ActionAgent::getInteractionAppList(std::vector<InteractionApp>* apps) {
     if (m_nAppID < 1) {
-        return 2700;
+        return AppListResult::kNotRegistered;
     }
     if (apps == nullptr) {
-        return 2701;
+        return AppListResult::kNoList;
     }
     if (m_pInteractionAppList != nullptr) {
         m_pInteractionAppList->getAppList(*apps);
