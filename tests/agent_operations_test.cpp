@@ -5,11 +5,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "ActionManager/ResultCodes.h"
 #include "support/AgentFixture.h"
 #include "CommonLib/OSAL.h"
 #include "support/TempDir.h"
@@ -53,53 +55,6 @@ Bytes hugePiece(uint32_t listID, uint32_t sequence, const std::string& content) 
 }
 
 class DataTest : public AgentTest {};
-
-TEST_F(DataTest, EachSendChecksRegistrationDataTargetAndLengthInThatOrder) {
-    const InteractionApp app = target();
-    InteractionApp noAddress = target();
-    noAddress.szIPv4[0] = '\0';
-    const std::string big(65536, 'x');
-    const char* data = big.data();
-    using Send = std::function<int(const char*, unsigned int, const InteractionApp*)>;
-    struct Case {
-        const char* name;
-        Send send;
-        std::vector<int> codes;  // unregistered, null data, null target, empty address, too long, zero
-    };
-    const std::vector<Case> cases = {
-        {"sendData", [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->sendData(d, n, a, false, 5); },
-         {1400, 1402, 1403, 1403, 1404, 1405}},
-        {"asynSendData",
-         [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->asynSendData(d, n, a, false, nullptr, nullptr); },
-         {1400, 1402, 1403, 1403, 1404, 1405}},
-        {"sendUDPData",
-         [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->sendUDPData(d, n, a, false, nullptr, nullptr); },
-         {1500, 1502, 1503, 1503, -1, 1504}},
-        {"sendUDPHugeData", [&](const char* d, unsigned int n, const InteractionApp* a) { return agent->sendUDPHugeData(d, n, a); },
-         {1600, 1602, 1603, 1603, -1, 1604}},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(c.codes[0], c.send(nullptr, 0, nullptr)) << c.name;
-    }
-    EXPECT_EQ(1900, agent->broadcast(nullptr, 0, nullptr, false));
-    registerAgent();
-    for (const Case& c : cases) {
-        EXPECT_EQ(c.codes[1], c.send(nullptr, 0, nullptr)) << c.name;
-        EXPECT_EQ(c.codes[2], c.send(data, 10, nullptr)) << c.name;
-        EXPECT_EQ(c.codes[3], c.send(data, 10, &noAddress)) << c.name;
-        if (c.codes[4] > 0) {
-            EXPECT_EQ(c.codes[4], c.send(data, 65536, &app)) << c.name;
-        }
-        EXPECT_EQ(c.codes[5], c.send(data, 0, &app)) << c.name;
-    }
-    // A large payload is checked for its length before its target.
-    EXPECT_EQ(1604, agent->sendUDPHugeData(data, 0, nullptr));
-    EXPECT_EQ(1902, agent->broadcast(nullptr, 1, "1.2.3.4", false));
-    EXPECT_EQ(1903, agent->broadcast(data, 1, nullptr, false));
-    EXPECT_EQ(1904, agent->broadcast(data, 1, "255.255.255.2550", false));
-    EXPECT_EQ(1905, agent->broadcast(data, 2040, "255.255.255.255", false));
-    EXPECT_TRUE(service->received(ACTION_SEND_DATA).empty());
-}
 
 TEST_F(DataTest, SendDataCarriesTargetFlagTimeOutInMillisecondsAndData) {
     registerAgent();
@@ -326,38 +281,20 @@ TEST_F(FileTest, SendFileListPutsEveryPathTheTargetAndTheTagOnTheWire) {
     EXPECT_EQ(6, readInt32(request, 840));
 }
 
-TEST_F(FileTest, PathChecksGiveTheirCodes) {
+TEST_F(FileTest, PathsAreMadeAbsoluteAndNamesBoundedAtTheirLastPart) {
     registerAgent();
     answerSendFile(ACTION_SEND_FILE, 1);
     const InteractionApp app = target();
     uint32_t taskID = 0;
-    EXPECT_EQ(1702, agent->sendFile(nullptr, &app, nullptr, nullptr, &taskID, false, 0));
-    EXPECT_EQ(1703, agent->sendFile(".hidden", &app, nullptr, nullptr, &taskID, false, 0));
-    const std::vector<std::string> empty;
-    EXPECT_EQ(1802, agent->sendFileList(nullptr, &app, nullptr, nullptr, &taskID, false, 0));
-    EXPECT_EQ(1804, agent->sendFileList(&empty, &app, nullptr, nullptr, nullptr, false, 0));
-    EXPECT_EQ(1805, agent->sendFileList(&empty, nullptr, nullptr, nullptr, &taskID, false, 0));
-    EXPECT_EQ(1803, agent->sendFileList(&empty, &app, nullptr, nullptr, &taskID, false, 0));
-    const std::vector<std::string> relative = {"/ok", "../../../../../../../../../../../../../x"};
-    EXPECT_EQ(1806, agent->sendFileList(&relative, &app, nullptr, nullptr, &taskID, false, 0));
-
     EXPECT_EQ(0, agent->sendFile(("/d/" + std::string(225, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
-    EXPECT_EQ(1807, agent->sendFile(("/d/" + std::string(226, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
-    EXPECT_EQ(1807, agent->sendFile(("C:\\" + std::string(226, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
-
     // The empty path resolves to the current directory, or to nothing once that is gone.
     EXPECT_EQ(0, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
-    {
-        TempDir gone;
-        const std::string here = Common::OSAbstractLayer::osal_getProgramPath();
-        ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(gone.path().c_str()));
-        ASSERT_EQ(0, rmdir(gone.path().c_str()));
-        EXPECT_EQ(1703, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
-        ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(here.c_str()));
-    }
-    agent->unregisterApp();
-    EXPECT_EQ(1700, agent->sendFile("/x", &app, nullptr, nullptr, &taskID, false, 0));
-    EXPECT_EQ(1800, agent->sendFileList(&empty, &app, nullptr, nullptr, &taskID, false, 0));
+    TempDir gone;
+    const std::string here = Common::OSAbstractLayer::osal_getProgramPath();
+    ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(gone.path().c_str()));
+    ASSERT_EQ(0, rmdir(gone.path().c_str()));
+    EXPECT_EQ(SendFileResult::kPathNotAbsolute, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
+    ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(here.c_str()));
 }
 
 TEST_F(FileTest, ProgressGoesToTheSendersCallbackAndControlsCarryTheTaskID) {
@@ -407,13 +344,9 @@ TEST_F(FileTest, ProgressGoesToTheSendersCallbackAndControlsCarryTheTaskID) {
     EXPECT_EQ(1100, agent->deleteSendFileCallback(77));
 }
 
-TEST_F(FileTest, ReceiveOptionsAreCheckedSentAndKept) {
-    EXPECT_EQ(2102, agent->setReceiveOption(nullptr));
+TEST_F(FileTest, ReceiveOptionsAreSentAndKept) {
     ReceiveOption option;
-    EXPECT_EQ(2100, agent->setReceiveOption(&option));
-    EXPECT_EQ(2200, agent->getReceiveOption(&option));
     registerAgent();
-    EXPECT_EQ(2202, agent->getReceiveOption(nullptr));
     strcpy(option.directory, "/sdcard/in");
     option.rename = false;
     option.percent = 25;
@@ -564,33 +497,6 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
     EXPECT_TRUE(devices.empty());
 }
 
-TEST_F(MediaTest, NullArgumentsAndRegistrationGiveTheFamilyCodes) {
-    std::vector<DLNADevice> devices;
-    EXPECT_EQ(1001, agent->searchDLNADevice(nullptr, 22)) << "checked before registration";
-    EXPECT_EQ(1002, agent->searchDMS(&devices));
-    EXPECT_EQ(1002, agent->stopCopyTransfer(1));
-    EXPECT_EQ(1002, agent->startDMS());
-    EXPECT_EQ(2500, agent->getLocalNetworkInfo(nullptr));
-    EXPECT_EQ(2300, agent->searchInteractionApp(nullptr));
-    EXPECT_EQ(2400, agent->refreshInteractionApp(false));
-    EXPECT_EQ(2700, agent->getInteractionAppList(nullptr));
-    registerAgent();
-    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
-    std::vector<FileInfo> items;
-    int taskID = 0;
-    EXPECT_EQ(1001, agent->getFileList(nullptr, &items));
-    EXPECT_EQ(1001, agent->getFileList(&server, nullptr, &items));
-    EXPECT_EQ(1001, agent->getParentDirectoryInfo(nullptr, nullptr));
-    EXPECT_EQ(1001, agent->copyFileList(&server, nullptr, nullptr, &taskID));
-    EXPECT_EQ(1001, agent->playSelectedFile(0, nullptr, &items, &server, nullptr, nullptr, 0));
-    EXPECT_EQ(1001, agent->stopCurPlayingFile(nullptr));
-    EXPECT_EQ(1001, agent->setMyDMSName(nullptr));
-    EXPECT_EQ(2502, agent->getLocalNetworkInfo(nullptr));
-    EXPECT_EQ(2302, agent->searchInteractionApp(nullptr));
-    EXPECT_EQ(2701, agent->getInteractionAppList(nullptr));
-    EXPECT_TRUE(service->received(ACTION_GET_ROOT_FILE_LIST).empty());
-}
-
 TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
     registerAgent(true, false);
     const DLNADevice server = device("server", DLNA_DEVICE_DMS);
@@ -634,6 +540,131 @@ TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
     EXPECT_EQ(55, taskID);
     EXPECT_EQ(nullptr, agent->getFileCopyCallBack(56).pfnCallBack);
     EXPECT_NE(nullptr, agent->getFileCopyCallBack(55).pfnCallBack);
+}
+
+// Every argument and registration check, in the order the agent makes them, against the named
+// codes pelk explains; and every code a check can give is given by some row.
+TEST_F(AgentTest, EachCheckGivesItsNamedCodeBeforeAnyRequest) {
+    const InteractionApp app = target();
+    InteractionApp noAddress = target();
+    noAddress.szIPv4[0] = '\0';
+    const std::string big(65536, 'x');
+    const char* data = big.data();
+    const std::vector<std::string> empty;
+    const std::vector<std::string> escaping = {"/ok", "../../../../../../../../../../../../../x"};
+    const std::string longName = "/d/" + std::string(226, 'f');
+    const std::string longDosName = "C:\\" + std::string(226, 'f');
+    const DLNADevice server;
+    ReceiveOption option;
+    std::vector<InteractionApp> apps;
+    std::vector<DLNADevice> devices;
+    std::vector<FileInfo> items;
+    uint32_t task = 0;
+    int copyTask = 0;
+    struct Row {
+        ResultCode code;
+        std::function<int()> call;
+    };
+    // Unregistered; the null checks that come before registration come first.
+    const std::vector<Row> unregistered = {
+        {RegisterResult::kNameTooLong, [&] { return agent->registerApp(std::string(260, 'n').c_str(), kCallerAppID, &user, nullptr, nullptr); }},
+        {RegisterResult::kNoName, [&] { return agent->registerApp(nullptr, kCallerAppID, &user, nullptr, nullptr); }},
+        {RegisterResult::kEmptyName, [&] { return agent->registerApp("", kCallerAppID, &user, nullptr, nullptr); }},
+        {UnregisterResult::kNotRegistered, [&] { return agent->unregisterApp(); }},
+        {SendDataResult::kNotRegistered, [&] { return agent->sendData(nullptr, 0, nullptr, false, 5); }},
+        {SendDataResult::kNotRegistered, [&] { return agent->asynSendData(nullptr, 0, nullptr, false, nullptr, nullptr); }},
+        {SendUDPDataResult::kNotRegistered, [&] { return agent->sendUDPData(nullptr, 0, nullptr, false, nullptr, nullptr); }},
+        {SendUDPHugeDataResult::kNotRegistered, [&] { return agent->sendUDPHugeData(nullptr, 0, nullptr); }},
+        {BroadcastResult::kNotRegistered, [&] { return agent->broadcast(nullptr, 0, nullptr, false); }},
+        {SendFileResult::kNotRegistered, [&] { return agent->sendFile("/x", &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kNotRegistered, [&] { return agent->sendFileList(&empty, &app, nullptr, nullptr, &task, false, 0); }},
+        {TransferControlResult::kNotRegistered, [&] { return agent->pauseSend(1); }},
+        {TransferControlResult::kNotRegistered, [&] { return agent->cancelReceive(1); }},
+        {SetReceiveOptionResult::kNoOption, [&] { return agent->setReceiveOption(nullptr); }},
+        {SetReceiveOptionResult::kNotRegistered, [&] { return agent->setReceiveOption(&option); }},
+        {GetReceiveOptionResult::kNotRegistered, [&] { return agent->getReceiveOption(&option); }},
+        {LinkResult::kNotRegistered, [&] { return agent->deleteSendFileCallback(1); }},
+        {CommonResult::kMissingArgument, [&] { return agent->searchDLNADevice(nullptr, 22); }},
+        {CommonResult::kNotRegistered, [&] { return agent->searchDMS(&devices); }},
+        {CommonResult::kNotRegistered, [&] { return agent->stopCopyTransfer(1); }},
+        {CommonResult::kNotRegistered, [&] { return agent->startDMS(); }},
+        {NetworkInfoResult::kNotRegistered, [&] { return agent->getLocalNetworkInfo(nullptr); }},
+        {SearchAppResult::kNotRegistered, [&] { return agent->searchInteractionApp(nullptr); }},
+        {RefreshAppResult::kNotRegistered, [&] { return agent->refreshInteractionApp(false); }},
+        {AppListResult::kNotRegistered, [&] { return agent->getInteractionAppList(&apps); }},
+    };
+    const std::vector<Row> registered = {
+        {RegisterResult::kAlreadyRegistered, [&] { return agent->registerApp("again", kCallerAppID, &user, nullptr, nullptr); }},
+        // The data sends: data, target, address, length, emptiness in that order.
+        {SendDataResult::kNoData, [&] { return agent->sendData(nullptr, 0, nullptr, false, 5); }},
+        {SendDataResult::kNoTarget, [&] { return agent->sendData(data, 10, nullptr, false, 5); }},
+        {SendDataResult::kNoTarget, [&] { return agent->sendData(data, 10, &noAddress, false, 5); }},
+        {SendDataResult::kTooLong, [&] { return agent->sendData(data, 65536, &app, false, 5); }},
+        {SendDataResult::kEmpty, [&] { return agent->sendData(data, 0, &app, false, 5); }},
+        {SendDataResult::kNoData, [&] { return agent->asynSendData(nullptr, 0, nullptr, false, nullptr, nullptr); }},
+        {SendDataResult::kNoTarget, [&] { return agent->asynSendData(data, 10, &noAddress, false, nullptr, nullptr); }},
+        {SendDataResult::kTooLong, [&] { return agent->asynSendData(data, 65536, &app, false, nullptr, nullptr); }},
+        {SendDataResult::kEmpty, [&] { return agent->asynSendData(data, 0, &app, false, nullptr, nullptr); }},
+        {SendUDPDataResult::kNoData, [&] { return agent->sendUDPData(nullptr, 0, nullptr, false, nullptr, nullptr); }},
+        {SendUDPDataResult::kNoTarget, [&] { return agent->sendUDPData(data, 10, nullptr, false, nullptr, nullptr); }},
+        {SendUDPDataResult::kNoTarget, [&] { return agent->sendUDPData(data, 10, &noAddress, false, nullptr, nullptr); }},
+        {SendUDPDataResult::kEmpty, [&] { return agent->sendUDPData(data, 0, &app, false, nullptr, nullptr); }},
+        {SendUDPHugeDataResult::kNoData, [&] { return agent->sendUDPHugeData(nullptr, 0, nullptr); }},
+        // A large payload is checked for its length before its target.
+        {SendUDPHugeDataResult::kEmpty, [&] { return agent->sendUDPHugeData(data, 0, nullptr); }},
+        {SendUDPHugeDataResult::kNoTarget, [&] { return agent->sendUDPHugeData(data, 10, &noAddress); }},
+        {BroadcastResult::kNoData, [&] { return agent->broadcast(nullptr, 1, "1.2.3.4", false); }},
+        {BroadcastResult::kNoAddress, [&] { return agent->broadcast(data, 1, nullptr, false); }},
+        {BroadcastResult::kAddressTooLong, [&] { return agent->broadcast(data, 1, "255.255.255.2550", false); }},
+        {BroadcastResult::kTooLong, [&] { return agent->broadcast(data, 2040, "255.255.255.255", false); }},
+        {SendFileResult::kNoPath, [&] { return agent->sendFile(nullptr, &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileResult::kPathNotAbsolute, [&] { return agent->sendFile(".hidden", &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kNameTooLong, [&] { return agent->sendFile(longName.c_str(), &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kNameTooLong, [&] { return agent->sendFile(longDosName.c_str(), &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kNoList, [&] { return agent->sendFileList(nullptr, &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kNoTaskPlace, [&] { return agent->sendFileList(&empty, &app, nullptr, nullptr, nullptr, false, 0); }},
+        {SendFileListResult::kNoTarget, [&] { return agent->sendFileList(&empty, nullptr, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kEmptyList, [&] { return agent->sendFileList(&empty, &app, nullptr, nullptr, &task, false, 0); }},
+        {SendFileListResult::kPathNotAbsolute, [&] { return agent->sendFileList(&escaping, &app, nullptr, nullptr, &task, false, 0); }},
+        {GetReceiveOptionResult::kNoPlace, [&] { return agent->getReceiveOption(nullptr); }},
+        {CommonResult::kMissingArgument, [&] { return agent->getFileList(nullptr, &items); }},
+        {CommonResult::kMissingArgument, [&] { return agent->getFileList(&server, nullptr, &items); }},
+        {CommonResult::kMissingArgument, [&] { return agent->getParentDirectoryInfo(nullptr, nullptr); }},
+        {CommonResult::kMissingArgument, [&] { return agent->copyFileList(&server, nullptr, nullptr, &copyTask); }},
+        {CommonResult::kMissingArgument, [&] { return agent->playSelectedFile(0, nullptr, &items, &server, nullptr, nullptr, 0); }},
+        {CommonResult::kMissingArgument, [&] { return agent->stopCurPlayingFile(nullptr); }},
+        {CommonResult::kMissingArgument, [&] { return agent->setMyDMSName(nullptr); }},
+        {NetworkInfoResult::kNoPlace, [&] { return agent->getLocalNetworkInfo(nullptr); }},
+        {SearchAppResult::kNoList, [&] { return agent->searchInteractionApp(nullptr); }},
+        {AppListResult::kNoList, [&] { return agent->getInteractionAppList(nullptr); }},
+    };
+    std::vector<int> given;
+    for (const std::vector<Row>* rows : {&unregistered, &registered}) {
+        if (rows == &registered) {
+            EXPECT_EQ(0, service->connections()) << "no check before registration touches the service";
+            registerAgent();
+        }
+        for (size_t i = 0; i < rows->size(); ++i) {
+            EXPECT_EQ((*rows)[i].code.value, (*rows)[i].call()) << (*rows)[i].code.meaning << " (row " << i << ")";
+            given.push_back((*rows)[i].code.value);
+        }
+    }
+    for (int32_t action : {ACTION_SEND_DATA, ACTION_SEND_FILE, ACTION_SEND_FILE_EX, ACTION_GET_ROOT_FILE_LIST}) {
+        EXPECT_TRUE(service->received(action).empty()) << action;
+    }
+
+    // Codes that only a lack of memory, a failing link or a missing service can give are shown
+    // elsewhere; every other named code must be some row's.
+    for (const ResultFamily& family : kResultFamilies) {
+        for (size_t i = 0; i < family.count; ++i) {
+            const ResultCode& code = family.codes[i];
+            const bool elsewhere = std::string(code.meaning).find("memory") != std::string::npos ||
+                                   (code.value > 1100 && code.value < 1200) ||
+                                   code.value == RegisterResult::kServiceUnreachable;
+            EXPECT_TRUE(elsewhere || std::find(given.begin(), given.end(), code.value) != given.end())
+                << code.value << " (" << code.meaning << ") is given by no row";
+        }
+    }
 }
 
 }  // namespace
