@@ -136,27 +136,6 @@ private:
     T m_ref;
 };
 
-// The modified UTF-8 characters of a Java string, released when it goes out of scope.
-class UtfChars {
-public:
-    UtfChars(JNIEnv* env, jstring text)
-        : m_env(env), m_text(text), m_chars(text == nullptr ? nullptr : env->GetStringUTFChars(text, nullptr)) {}
-    ~UtfChars() {
-        if (m_chars != nullptr) {
-            m_env->ReleaseStringUTFChars(m_text, m_chars);
-        }
-    }
-    UtfChars(const UtfChars&) = delete;
-    UtfChars& operator=(const UtfChars&) = delete;
-
-    const char* get() const { return m_chars; }
-
-private:
-    JNIEnv* m_env;
-    jstring m_text;
-    const char* m_chars;
-};
-
 // A local reference to what a global holds now, or null.
 template <class T>
 T localCopy(JNIEnv* env, T const& global) {
@@ -205,7 +184,7 @@ inline jvalue objectValue(jobject value) {
 // ---------------------------------------------------------------------------------------------
 // Texts (BridgeText.cpp).
 
-// A Java string of a native text field, which need not be terminated within its size.
+// A Java string of a native text field (UTF-8, which need not be terminated within its size).
 jstring newJavaText(JNIEnv* env, const char* field, size_t size);
 
 template <size_t N>
@@ -213,9 +192,8 @@ jstring newJavaText(JNIEnv* env, const char (&field)[N]) {
     return newJavaText(env, field, N);
 }
 
-// A copy bounded by the field's size: the rest is zeroed, and a text that fills the field
-// keeps no terminator there.
-void copyCut(char* field, size_t size, const char* text);
+// The UTF-8 of a Java string; false (and out unchanged) for a null string or a failed read.
+bool javaText(JNIEnv* env, jstring text, std::string& out);
 
 bool jstringToString(JNIEnv* env, jstring text, std::string& out);
 

@@ -441,13 +441,12 @@ int readText(JNIEnv* env, jclass cls, jobject obj, const char* name, char* field
         BRIDGE_LOG(ZT_LOG_WARNING, function, "CallObjectMethod --> NULL == %s", name);
         return kNullArgument;
     }
-    const UtfChars chars(env, text.get());
-    if (chars.get() == nullptr) {
-        clearException(env);
+    std::string utf8;
+    if (!javaText(env, text.get(), utf8)) {
         BRIDGE_LOG(ZT_LOG_WARNING, function, "GetStringUTFChars --> NULL == %s", capitalised("p", name).c_str());
         return kNullArgument;
     }
-    copyCut(field, size, chars.get());
+    Wire::PutText(field, size, size, utf8.c_str());
     return 0;
 }
 

@@ -1,37 +1,54 @@
-// Texts across the Java boundary (see Bridge.h).
+// Texts across the Java boundary (see Bridge.h): Java strings are read as UTF-16 and handed on as
+// standard UTF-8; texts for Java are decoded from UTF-8 and made from UTF-16, so that invalid or
+// cut bytes reach Java as U+FFFD and never as input the VM would refuse.
 #include <jni.h>
 
 #include <cstring>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "Bridge.h"
+#include "TextConversion.h"
 
 namespace PELK {
 namespace Bridge {
 
+static_assert(std::is_same<jchar, uint16_t>::value, "Java characters are UTF-16 code units");
+
 jstring newJavaText(JNIEnv* env, const char* field, size_t size) {
-    const std::string text(field, strnlen(field, size));
-    jstring result = env->NewStringUTF(text.c_str());
+    const std::vector<uint16_t> units = Utf16FromUtf8(field, strnlen(field, size));
+    const jchar none = 0;
+    jstring result = env->NewString(units.empty() ? &none : units.data(), static_cast<jsize>(units.size()));
     if (result == nullptr) {
         clearException(env);
     }
     return result;
 }
 
-void copyCut(char* field, size_t size, const char* text) {
-    const size_t length = strnlen(text, size);
-    memcpy(field, text, length);
-    memset(field + length, 0, size - length);
+bool javaText(JNIEnv* env, jstring text, std::string& out) {
+    if (text == nullptr) {
+        return false;
+    }
+    const jsize length = env->GetStringLength(text);
+    std::vector<uint16_t> units(static_cast<size_t>(length));
+    if (length > 0) {
+        env->GetStringRegion(text, 0, length, units.data());
+    }
+    if (env->ExceptionCheck()) {
+        clearException(env);
+        return false;
+    }
+    out = Utf8FromUtf16(units.data(), units.size());
+    return true;
 }
 
 bool jstringToString(JNIEnv* env, jstring text, std::string& out) {
-    const UtfChars chars(env, text);
-    if (chars.get() == nullptr) {
-        clearException(env);
+    if (!javaText(env, text, out)) {
+        // Named after the call the bridge once made; the log's readers know it so.
         LOG_WARN("GetStringUTFChars fail!");
         return false;
     }
-    out.assign(chars.get());
     return true;
 }
 

@@ -46,14 +46,16 @@ public:
     PinnedBytes& operator=(const PinnedBytes&) = delete;
 
     const char* data() const { return reinterpret_cast<const char*>(m_bytes); }
-    // The caller's length, but never past the end of the array.
+    // The caller's length, but never past the end of the array. A negative length is passed on
+    // as it is, for the agent to refuse.
     unsigned int length(jint requested) const {
         const unsigned int asked = static_cast<unsigned int>(requested);
-        return m_bytes != nullptr && asked > m_size ? m_size : asked;
+        return m_bytes != nullptr && requested >= 0 && asked > m_size ? m_size : asked;
     }
     void log(const char* function, unsigned int length) const {
+        const unsigned int shown = length < m_size ? length : m_size;
         BRIDGE_LOG(ZT_LOG_DEBUG, function, "%s: buf: %.*s!", function,
-                   m_bytes != nullptr ? static_cast<int>(length) : 0, m_bytes != nullptr ? data() : "");
+                   m_bytes != nullptr ? static_cast<int>(shown) : 0, m_bytes != nullptr ? data() : "");
     }
 
 private:
