@@ -3,8 +3,8 @@
 // the library's load and unload hooks, and the native callbacks that carry agent events to the
 // Java listeners. Its rooms: PELKAgentNativeLib.cpp (the native methods, load and unload),
 // BridgeRecords.cpp (the record converters), BridgeCallbacks.cpp (the class cache, the listener
-// references and the callbacks) and BridgeText.cpp (texts across the boundary). This header holds
-// what they share.
+// references and the callbacks) and BridgeText.cpp (texts across the boundary, over the JNI-free
+// conversions of TextConversion.h). This header holds what they share.
 //
 // Threads: the native methods run on the Java threads that call them. The callbacks run on the
 // agent's threads (the link's action callback thread, the reconnection thread); each attaches its
@@ -143,18 +143,24 @@ T localCopy(JNIEnv* env, T const& global) {
     return global == nullptr ? nullptr : static_cast<T>(env->NewLocalRef(global));
 }
 
-// Empties a global and releases what it held.
+// Puts made into a global and releases what it held.
 template <class T>
-void releaseGlobal(JNIEnv* env, T& global) {
+void replaceGlobal(JNIEnv* env, T& global, T made) {
     T old = nullptr;
     {
         MutexGuard guard(&g_refMutex);
         old = global;
-        global = nullptr;
+        global = made;
     }
     if (old != nullptr) {
         env->DeleteGlobalRef(old);
     }
+}
+
+// Empties a global and releases what it held.
+template <class T>
+void releaseGlobal(JNIEnv* env, T& global) {
+    replaceGlobal(env, global, static_cast<T>(nullptr));
 }
 
 inline jvalue intValue(jint value) {

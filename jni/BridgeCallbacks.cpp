@@ -98,15 +98,7 @@ void cacheClass(JNIEnv* env, const char* name, jclass& global, const char* local
         LOG_WARN("%s == NULL", globalTag);
         return;
     }
-    jclass old = nullptr;
-    {
-        MutexGuard guard(&g_refMutex);
-        old = global;
-        global = made;
-    }
-    if (old != nullptr) {
-        env->DeleteGlobalRef(old);
-    }
+    replaceGlobal(env, global, made);
 }
 
 }  // namespace
