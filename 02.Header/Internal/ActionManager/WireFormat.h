@@ -68,8 +68,10 @@ inline size_t CutLength(const char* text, size_t room) {
 // the rest of the field.
 inline void PutText(char* field, size_t size, size_t room, const char* text) {
     const size_t length = CutLength(text, room);
-    if (length > 0) {
-        memcpy(field, text, length);
+    // Byte by byte: the length is known only at run time, and GCC warns about a memcpy of a short
+    // literal that it cannot see the length keep within.
+    for (size_t i = 0; i < length; ++i) {
+        field[i] = text[i];
     }
     memset(field + length, 0, size - length);
 }
