@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "Explain.h"
-#include "Records.h"
 #include "Session.h"
 
 using PELK::DLNADevice;
@@ -147,8 +146,8 @@ int findDevice(Session& session, bool renderer, const std::string& wanted, DLNAD
 // An item's whole record, as its server lists it in its folder.
 int findItem(Session& session, const DLNADevice& server, const std::string& id, FileInfo& item) {
     FileInfo probe;
-    PELK::Emulator::fillField(probe.objectID, id);
-    PELK::Emulator::fillField(probe.sourceDMSUDN, PELK::Emulator::textOf(server.UUID));
+    PELK::Wire::FillText(probe.objectID, id.c_str());
+    PELK::Wire::FillText(probe.sourceDMSUDN, PELK::Wire::TextOf(server.UUID).c_str());
     FileInfo parent;
     int result = session.agent().getParentDirectoryInfo(&probe, &parent);
     if (result != 0) {
@@ -160,7 +159,7 @@ int findItem(Session& session, const DLNADevice& server, const std::string& id, 
         return failed(("listing the folder of item " + id).c_str(), result);
     }
     for (const FileInfo& candidate : items) {
-        if (PELK::Emulator::textOf(candidate.objectID) == id) {
+        if (PELK::Wire::TextOf(candidate.objectID) == id) {
             item = candidate;
             return 0;
         }
@@ -303,17 +302,17 @@ int browse(Session& session, const Args& args) {
         result = session.agent().getFileList(&server, &items);
     } else {
         FileInfo folder;
-        PELK::Emulator::fillField(folder.objectID, args.words[0]);
-        PELK::Emulator::fillField(folder.sourceDMSUDN, PELK::Emulator::textOf(server.UUID));
+        PELK::Wire::FillText(folder.objectID, args.words[0].c_str());
+        PELK::Wire::FillText(folder.sourceDMSUDN, PELK::Wire::TextOf(server.UUID).c_str());
         result = session.agent().getFileList(&server, &folder, &items);
     }
     if (result != 0) {
         return failed("browse", result);
     }
     for (const FileInfo& item : items) {
-        const std::string type = PELK::Emulator::textOf(item.objectType);
+        const std::string type = PELK::Wire::TextOf(item.objectType);
         say("%-6s %s  \"%s\"", type.rfind("object.container", 0) == 0 ? "folder" : "item",
-            PELK::Emulator::textOf(item.objectID).c_str(), PELK::Emulator::textOf(item.objectTitle).c_str());
+            PELK::Wire::TextOf(item.objectID).c_str(), PELK::Wire::TextOf(item.objectTitle).c_str());
     }
     return 0;
 }

@@ -7,7 +7,6 @@
 #include <algorithm>
 
 #include "Paths.h"
-#include "Records.h"
 #include "ServiceCodes.h"
 
 namespace PELK {
@@ -70,7 +69,7 @@ const char* objectClass(const std::string& name, bool isFolder) {
 }
 
 bool isContainer(const FileInfo& item) {
-    return textOf(item.objectType).rfind("object.container", 0) == 0;
+    return Wire::TextOf(item.objectType).rfind("object.container", 0) == 0;
 }
 
 }  // namespace
@@ -110,12 +109,12 @@ bool MediaLibrary::resolve(const std::string& objectID, std::string& path) const
 FileInfo MediaLibrary::itemFor(const std::string& objectID, const std::string& parentID, const std::string& title,
                                const std::string& path, bool isFolder) const {
     FileInfo item;
-    fillField(item.sourceDMSUDN, m_udn);
-    fillField(item.objectParentID, parentID);
-    fillField(item.objectID, objectID);
-    fillField(item.objectTitle, title);
-    fillField(item.objectType, objectClass(title, isFolder));
-    fillField(item.objectURI, "file://" + path);
+    Wire::FillText(item.sourceDMSUDN, m_udn.c_str());
+    Wire::FillText(item.objectParentID, parentID.c_str());
+    Wire::FillText(item.objectID, objectID.c_str());
+    Wire::FillText(item.objectTitle, title.c_str());
+    Wire::FillText(item.objectType, objectClass(title, isFolder));
+    Wire::FillText(item.objectURI, ("file://" + path).c_str());
     return item;
 }
 
@@ -151,7 +150,7 @@ int32_t MediaLibrary::list(const std::string& objectID, std::vector<FileInfo>& i
         if (isContainer(a) != isContainer(b)) {
             return isContainer(a);
         }
-        return textOf(a.objectTitle) < textOf(b.objectTitle);
+        return Wire::TextOf(a.objectTitle) < Wire::TextOf(b.objectTitle);
     });
     items.insert(items.end(), found.begin(), found.end());
     return RESULT_OK;

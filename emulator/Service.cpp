@@ -8,7 +8,6 @@
 #include <type_traits>
 #include <utility>
 
-#include "Records.h"
 #include "ServiceCodes.h"
 #include "Trace.h"
 
@@ -343,7 +342,7 @@ InteractionApp Service::recordFor(const App& app, ClientId recipient) const {
 }
 
 Service::Client* Service::findApp(const InteractionApp& address) {
-    if (textOf(address.szIPv4) != kLocalAddress) {
+    if (Wire::TextOf(address.szIPv4) != kLocalAddress) {
         return nullptr;
     }
     for (auto& entry : m_clients) {
@@ -395,7 +394,7 @@ int32_t Service::onRegister(Client& c, const RegisterReq& req, RegisterRes& res)
         return RESULT_NO_APP_ID;
     }
     std::unique_ptr<App> app(new App);
-    app->record.SetAppName(textOf(req.szAppName).c_str());
+    app->record.SetAppName(Wire::TextOf(req.szAppName).c_str());
     app->record.nAppID = appID;
     app->record.nType = req.nAppID;
     app->record.SetIPv4(kLocalAddress);
@@ -405,7 +404,7 @@ int32_t Service::onRegister(Client& c, const RegisterReq& req, RegisterRes& res)
     const std::string udn = "uuid:pelk-app-server-" + std::to_string(++m_nLastServerNumber);
     app->pServer.reset(new MediaLibrary(udn));
     app->serverDevice.type = DLNA_DEVICE_DMS;
-    Wire::CopyText(app->serverDevice.name, (textOf(req.szAppName) + " media").c_str());
+    Wire::CopyText(app->serverDevice.name, (Wire::TextOf(req.szAppName) + " media").c_str());
     Wire::CopyText(app->serverDevice.UUID, udn.c_str());
     app->serverDevice.localDevice = 1;
     c.pApp = std::move(app);

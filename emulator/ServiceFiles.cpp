@@ -7,7 +7,6 @@
 #include <climits>
 
 #include "Paths.h"
-#include "Records.h"
 #include "Service.h"
 #include "ServiceCodes.h"
 
@@ -64,7 +63,7 @@ bool Service::allowed(const std::string& path) const {
 }
 
 int32_t Service::onSetReceiveOption(Client& c, const SetReceiveOptionReq& req, SetReceiveOptionRes&) {
-    const std::string folder = realPath(textOf(req.directory));
+    const std::string folder = realPath(Wire::TextOf(req.directory));
     struct stat info = {};
     if (folder.empty() || !allowed(folder) || stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) ||
         access(folder.c_str(), W_OK | X_OK) != 0) {
@@ -92,7 +91,7 @@ int32_t Service::onSendFile(Client& c, const SendFileReq& req, SendFileRes& res)
     std::vector<FileCopy::Item> items;
     for (const FilePath& file : req.files) {
         FileCopy::Item item;
-        item.source = realPath(textOf(file.szPath));
+        item.source = realPath(Wire::TextOf(file.szPath));
         item.folder = target->pApp->receiveFolder;
         if (item.source.empty() || !allowed(item.source) || !readableFile(item.source, item.size)) {
             return RESULT_MISSING_FILE;

@@ -1,6 +1,5 @@
 // The service's media side: the emulated media server and renderer, the apps' own media
 // servers, browsing, copies between devices and playback.
-#include "Records.h"
 #include "Service.h"
 #include "ServiceCodes.h"
 #include "Trace.h"
@@ -35,7 +34,7 @@ std::vector<Service::Device> Service::devices(DLNA_DEVICE_TYPE type) const {
 
 const MediaLibrary* Service::findServer(const std::string& udn, DLNADevice* device) const {
     for (const Device& candidate : devices(DLNA_DEVICE_DMS)) {
-        if (textOf(candidate.record.UUID) == udn) {
+        if (Wire::TextOf(candidate.record.UUID) == udn) {
             if (device != nullptr) {
                 *device = candidate.record;
             }
@@ -74,11 +73,11 @@ int32_t Service::onSearchDevice(Client&, const SearchDeviceReq& req, SearchDevic
 }
 
 int32_t Service::onGetFileList(Client&, const GetFileListReq& req, GetFileListRes& res) {
-    const MediaLibrary* server = findServer(textOf(req.server.UUID));
+    const MediaLibrary* server = findServer(Wire::TextOf(req.server.UUID));
     if (server == nullptr) {
         return RESULT_UNKNOWN_DEVICE;
     }
-    std::string folder = req.actionID == ACTION_GET_ROOT_FILE_LIST ? MediaLibrary::kRootID : textOf(req.folder.objectID);
+    std::string folder = req.actionID == ACTION_GET_ROOT_FILE_LIST ? MediaLibrary::kRootID : Wire::TextOf(req.folder.objectID);
     if (req.actionID == ACTION_GET_PARENT_FILE_LIST) {
         const std::string item = folder;
         const int32_t result = server->parentID(item, folder);
@@ -90,11 +89,11 @@ int32_t Service::onGetFileList(Client&, const GetFileListReq& req, GetFileListRe
 }
 
 int32_t Service::onGetParentInfo(Client&, const GetParentDirectoryInfoReq& req, GetParentDirectoryInfoRes& res) {
-    const MediaLibrary* server = findServer(textOf(req.item.sourceDMSUDN));
+    const MediaLibrary* server = findServer(Wire::TextOf(req.item.sourceDMSUDN));
     if (server == nullptr) {
         return RESULT_UNKNOWN_DEVICE;
     }
-    return server->parentOf(textOf(req.item.objectID), res.parent);
+    return server->parentOf(Wire::TextOf(req.item.objectID), res.parent);
 }
 
 int32_t Service::collectItems(const MediaLibrary& library, const std::vector<FileInfo>& items,
@@ -102,7 +101,7 @@ int32_t Service::collectItems(const MediaLibrary& library, const std::vector<Fil
     for (const FileInfo& info : items) {
         FileCopy::Item item;
         item.folder = folder;
-        const int32_t result = library.fileOf(textOf(info.objectID), item.source, item.size);
+        const int32_t result = library.fileOf(Wire::TextOf(info.objectID), item.source, item.size);
         if (result != RESULT_OK) {
             return result;
         }
@@ -118,18 +117,18 @@ int32_t Service::onCopy(Client& c, const CopyFileReq& req, CopyFileRes& res) {
         return RESULT_BAD_REQUEST;
     }
     std::unique_ptr<Task> task(new Task);
-    const MediaLibrary* source = findServer(textOf(req.source.UUID), &task->otherSide);
+    const MediaLibrary* source = findServer(Wire::TextOf(req.source.UUID), &task->otherSide);
     if (source == nullptr) {
         return RESULT_UNKNOWN_DEVICE;
     }
     std::string folder = c.pApp->receiveFolder;
     bool rename = c.pApp->fRename;
     if (req.actionID != ACTION_DOWNLOAD_FILE) {
-        const MediaLibrary* target = findServer(textOf(req.destination.UUID), &task->otherSide);
+        const MediaLibrary* target = findServer(Wire::TextOf(req.destination.UUID), &task->otherSide);
         if (target == nullptr) {
             return RESULT_UNKNOWN_DEVICE;
         }
-        const int32_t result = target->folderOf(textOf(req.destinationFolder.objectID), folder);
+        const int32_t result = target->folderOf(Wire::TextOf(req.destinationFolder.objectID), folder);
         if (result != RESULT_OK) {
             return result;
         }
@@ -162,8 +161,8 @@ int32_t Service::onPlay(Client& c, const PlaySelectedFileReq& req, PlaySelectedF
     const DLNADevice& renderer = swapped ? req.server : req.renderer;
     const DLNADevice& serverRecord = swapped ? req.renderer : req.server;
     DLNADevice server;
-    const MediaLibrary* library = findServer(textOf(serverRecord.UUID), &server);
-    if (textOf(renderer.UUID) != kRendererUDN || library == nullptr) {
+    const MediaLibrary* library = findServer(Wire::TextOf(serverRecord.UUID), &server);
+    if (Wire::TextOf(renderer.UUID) != kRendererUDN || library == nullptr) {
         return RESULT_UNKNOWN_DEVICE;
     }
     const int32_t index = req.nOption1;
@@ -186,7 +185,7 @@ int32_t Service::onPlay(Client& c, const PlaySelectedFileReq& req, PlaySelectedF
 }
 
 int32_t Service::onPlayCtrl(Client& c, const FilePlayCtrlReq& req, FilePlayCtrlRes&) {
-    if (textOf(req.renderer.UUID) != kRendererUDN) {
+    if (Wire::TextOf(req.renderer.UUID) != kRendererUDN) {
         return RESULT_UNKNOWN_DEVICE;
     }
     if (req.actionID == ACTION_STOP_PLAYING_FILE) {
@@ -205,7 +204,7 @@ int32_t Service::onPlayCtrl(Client& c, const FilePlayCtrlReq& req, FilePlayCtrlR
 
 int32_t Service::onContentCache(Client& c, const ContentListCacheCtrlReq& req, ContentListCacheCtrlRes&) {
     DLNADevice server;
-    if (findServer(textOf(req.server.UUID), &server) == nullptr) {
+    if (findServer(Wire::TextOf(req.server.UUID), &server) == nullptr) {
         return RESULT_UNKNOWN_DEVICE;
     }
     const bool enable = req.actionID == ACTION_ENABLE_CONTENT_LIST_CACHE;
@@ -227,7 +226,7 @@ int32_t Service::onDMSCtrl(Client& c, const DMSCtrlReq& req, DMSCtrlRes&) {
 }
 
 int32_t Service::onSetShareFolder(Client& c, const SetShareFolderReq& req, SetShareFolderRes&) {
-    const std::string folder = textOf(req.szFolderPath);
+    const std::string folder = Wire::TextOf(req.szFolderPath);
     if (!allowed(folder) || !c.pApp->pServer->setFolder(folder)) {
         return RESULT_BAD_FOLDER;
     }
@@ -246,7 +245,7 @@ int32_t Service::onSetMyDMSName(Client& c, const SetMyDMSNameReq& req, SetMyDMSN
     if (req.szName[0] == '\0') {
         return RESULT_BAD_REQUEST;
     }
-    Wire::CopyText(c.pApp->serverDevice.name, textOf(req.szName).c_str());
+    Wire::CopyText(c.pApp->serverDevice.name, Wire::TextOf(req.szName).c_str());
     return RESULT_OK;
 }
 

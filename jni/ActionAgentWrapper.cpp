@@ -64,10 +64,11 @@ int reportFailure(const char* method, int nReturn) {
 // The remote app of a send. The address is written over a record that already holds
 // "127.0.0.1", up to and including the caller's terminator, so bytes of the old text may stay
 // behind it; they travel to the service and come back in send status events, so this is kept.
-// A text too long for the field is cut (15 characters and the terminator).
+// A text too long for the field is cut (15 bytes at most, on a character boundary, and the
+// terminator).
 InteractionApp remoteApp(const char* ip, int appID) {
     InteractionApp app;
-    const size_t length = ip == nullptr ? 0 : strnlen(ip, sizeof(app.szIPv4) - 1);
+    const size_t length = PELK::Wire::CutLength(ip, sizeof(app.szIPv4) - 1);
     memcpy(app.szIPv4, ip == nullptr ? "" : ip, length);
     app.szIPv4[length] = '\0';
     app.nAppID = appID;

@@ -14,6 +14,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -276,6 +277,20 @@ protected:
         return value;
     }
 
+    // Java strings as UTF-16, so that characters outside the BMP are what they are in Java.
+    jstring jtext(const std::u16string& s) {
+        return env->NewString(reinterpret_cast<const jchar*>(s.data()), static_cast<jsize>(s.size()));
+    }
+    std::u16string text16(jobject javaString) {
+        if (javaString == nullptr) {
+            return u"(no text)";
+        }
+        std::u16string result(static_cast<size_t>(env->GetStringLength(static_cast<jstring>(javaString))), u'\0');
+        env->GetStringRegion(static_cast<jstring>(javaString), 0, static_cast<jsize>(result.size()),
+                             reinterpret_cast<jchar*>(&result[0]));
+        return result;
+    }
+
     std::string text(jobject javaString) {
         if (javaString == nullptr) {
             return "(no text)";
@@ -285,16 +300,16 @@ protected:
         env->ReleaseStringUTFChars(static_cast<jstring>(javaString), chars);
         return result;
     }
-    std::string describe(jobject value) {
-        return text(probe("describe", "(Ljava/lang/Object;)Ljava/lang/String;", value));
-    }
+    jobject described(jobject value) { return probe("describe", "(Ljava/lang/Object;)Ljava/lang/String;", value); }
+    std::string describe(jobject value) { return text(described(value)); }
     // The recorder's next call, as one line.
-    std::string next(jobject recorder) {
+    jobject nextCall(jobject recorder) {
         jobject call = env->CallObjectMethod(
             recorder, env->GetMethodID(env->GetObjectClass(recorder), "next", "()Ljava/lang/String;"));
         expectNoException();
-        return text(call);
+        return call;
     }
+    std::string next(jobject recorder) { return text(nextCall(recorder)); }
     int count(jobject recorder) {
         const int n = env->CallIntMethod(recorder, env->GetMethodID(env->GetObjectClass(recorder), "count", "()I"));
         expectNoException();
@@ -314,6 +329,21 @@ protected:
     void registerApp(jobject appListener, jobject deviceListener) {
         ASSERT_EQ(callInt("registerApp", {str("demo"), integer(3), appListener, deviceListener}), 0);
         ASSERT_EQ(callInt("getAppID", {}), kAppID);
+    }
+
+    // Registers with r as every listener: of apps, devices, received data and files, the file
+    // send 42 and the copy 77.
+    void listenToEverything(jobject r) {
+        registerApp(r, r);
+        service.answer(15, body(15, {0}));
+        service.answer(13, body(13, {42, 0}));
+        service.answer(40, body(40, {77, 0}));
+        ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
+        ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}),
+                  42);
+        ASSERT_EQ(callInt("downLoad", {device("NAS", 0, "uuid:nas", "10.0.0.5", false),
+                                       array(kFileInfoClass, {file("1", "a")}), r}),
+                  77);
     }
 
     // The last request with this action ID (empty when none came).
@@ -370,6 +400,16 @@ TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
     EXPECT_EQ(readInt32(tcp, 313), 5);
     EXPECT_EQ(readField(tcp, 317, 5), "hello");
     EXPECT_TRUE(logged('D', kNative + "sendData", kNative + "sendData: buf: hello!"));
+    // A negative length is passed on as it is, for the agent to refuse; nothing is sent.
+    const std::pair<const char*, std::vector<jobject>> negative[] = {
+        {"sendData", {bytes("hello"), integer(-1), str("10.0.0.2"), integer(12), boolean(true), integer(3)}},
+        {"asynSendData", {bytes("hello"), integer(-1), str("10.0.0.2"), integer(12), boolean(true), nullptr}},
+        {"broadcast", {bytes("hello"), integer(-1), str("10.0.0.255"), boolean(true)}},
+    };
+    for (const auto& c : negative) {
+        EXPECT_EQ(callInt(c.first, c.second), std::string(c.first) == "broadcast" ? 1905 : 1404) << c.first;
+    }
+    EXPECT_EQ(service.received(18).size() + service.received(53).size() + service.received(16).size(), 1u);
     EXPECT_TRUE(logged('D', "sendData", "ActionAgentWrapper::sendData() ------ nReturn for Send data: 4"));
 
     // The address is written over "127.0.0.1", so a shorter one keeps that text's tail.
@@ -685,15 +725,7 @@ TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndItsThreadStaysAttach
 
 TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) {
     jobject r = recorder();
-    registerApp(r, r);
-    service.answer(15, body(15, {0}));
-    service.answer(13, body(13, {42, 0}));
-    service.answer(40, body(40, {77, 0}));
-    ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
-    ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}), 42);
-    ASSERT_EQ(callInt("downLoad",
-                      {device("NAS", 0, "uuid:nas", "10.0.0.5", false), array(kFileInfoClass, {file("1", "a")}), r}),
-              77);
+    ASSERT_NO_FATAL_FAILURE(listenToEverything(r));
     const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
     const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
     const std::vector<Bytes> events = {
@@ -761,6 +793,157 @@ TEST_F(BridgeTest, UnloadReleasesTheSendAndReceiveListenersAndTheCachedClasses) 
     EXPECT_TRUE(
         pelktest::waitUntil([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }, 5000, 10));
     EXPECT_EQ(count(r), 0);
+}
+
+// Java strings leave as standard UTF-8 (never the VM's own modified form), and a text cut to its
+// field loses whole characters only.
+TEST_F(BridgeTest, EveryJavaTextReachesTheServiceAsUtf8CutOnACharacterBoundary) {
+    // Led by "/", so that the agent takes it for an absolute path where it wants one.
+    const std::u16string accentedCjkEmoji = u"/\u00e9\u4e2d\U0001F389";
+    const std::string utf8 = "/\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x8E\x89";
+    for (int32_t action : {13, 15, 16, 18, 24, 25, 31, 48, 51, 53}) {
+        service.answer(action, body(action, {0, 0}));
+    }
+    jobject r = recorder();
+    const char* optionClass = "com/quorvik/kolt/pelk/agent/ReceiveOption";
+    const auto ip = [&](jstring t) { return std::vector<jobject>{bytes("x"), integer(1), t, integer(12), boolean(false)}; };
+    const auto plus = [](std::vector<jobject> head, std::vector<jobject> tail) {
+        head.insert(head.end(), tail.begin(), tail.end());
+        return head;
+    };
+    const auto deviceOf = [&](jstring name, jstring uuid, jstring address) {
+        return make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", name, 0, uuid,
+                    address, JNI_FALSE);
+    };
+    const auto fileOf = [&](jstring t) {
+        return make(kFileInfoClass,
+                    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
+                    "Ljava/lang/String;)V",
+                    t, t, t, t, t, t);
+    };
+    const struct {
+        const char* method;
+        std::function<std::vector<jobject>(jstring)> args;
+        int32_t action;
+        std::vector<size_t> offsets;  // where the text stands in the request
+    } paths[] = {
+        {"registerApp", [&](jstring t) { return std::vector<jobject>{t, integer(3), r, nullptr}; }, 1, {8}},
+        {"sendData", [&](jstring t) { return plus(ip(t), {integer(3)}); }, 18, {272}},
+        {"asynSendData", [&](jstring t) { return plus(ip(t), {nullptr}); }, 53, {272}},
+        {"sendUDPData", [&](jstring t) { return plus(ip(t), {nullptr}); }, 48, {272}},
+        {"broadcast", [&](jstring t) { return std::vector<jobject>{bytes("x"), integer(1), t, boolean(true)}; }, 16,
+         {272}},
+        {"sendFile", [&](jstring t) { return std::vector<jobject>{t, t, r, integer(12), boolean(false), integer(0)}; },
+         13, {8, 536}},
+        {"sendFileList",
+         [&](jstring t) {
+             return std::vector<jobject>{array("java/lang/String", {t}), t, r, integer(12), boolean(true), integer(0)};
+         },
+         51, {8, 536}},
+        {"setReceiveOption", [&](jstring t) { return std::vector<jobject>{t, r}; }, 15, {4}},
+        {"setReceiveOptionX",
+         [&](jstring t) { return std::vector<jobject>{make(optionClass, "(Ljava/lang/String;ZI)V", t, JNI_FALSE, 1), r}; },
+         15, {4}},
+        {"setMyDMSName", [&](jstring t) { return std::vector<jobject>{t}; }, 31, {4}},
+        {"getRootFileList", [&](jstring t) { return std::vector<jobject>{deviceOf(t, t, t)}; }, 24, {4, 268, 368}},
+        {"getFileList", [&](jstring t) { return std::vector<jobject>{deviceOf(t, t, t), fileOf(t)}; }, 25,
+         {616, 716, 816, 916, 1176, 1436}},
+    };
+    for (const auto& path : paths) {
+        SCOPED_TRACE(path.method);
+        call(path.method, path.args(jtext(accentedCjkEmoji)));
+        const Bytes sent = request(path.action);
+        for (size_t offset : path.offsets) {
+            EXPECT_EQ(readField(sent, offset, utf8.size() + 1), utf8 + '\0') << "at " << offset;
+        }
+    }
+
+    // Cut to the field: before the character that would not fit whole.
+    const std::u16string emoji = u"\U0001F389";
+    call("sendData", plus(ip(jtext(u"1234567890123" + emoji)), {integer(3)}));
+    EXPECT_EQ(readField(request(18), 272, 16), std::string("1234567890123\0\0\0", 16));
+    call("setReceiveOption", {jtext(u"/" + std::u16string(256, u'f') + emoji), r});
+    EXPECT_EQ(readField(request(15), 4, 260), "/" + std::string(256, 'f') + std::string(3, '\0'));
+    call("getRootFileList", {deviceOf(jtext(std::u16string(258, u'n') + emoji), str("uuid:nas"),
+                                      jtext(u"192.168.100.20\u4e2d"))});
+    const Bytes root = request(24);
+    EXPECT_EQ(readField(root, 4, 260), std::string(258, 'n') + std::string(2, '\0'));
+    EXPECT_EQ(readField(root, 368, 16), std::string("192.168.100.20\0\0", 16));
+    // A lone surrogate is U+FFFD; a text ends at U+0000, as any C text does.
+    call("setMyDMSName", {jtext(u"a\xD800" u"b")});
+    EXPECT_EQ(readText(request(31), 4, 260), "a\xEF\xBF\xBD" "b");
+    call("setMyDMSName", {jtext(std::u16string(u"ab\0cd", 5))});
+    EXPECT_EQ(readField(request(31), 4, 5), std::string("ab\0\0\0", 5));
+}
+
+// Texts from the service become Java strings through UTF-8 decoding: characters outside the BMP
+// arrive whole, and bytes that are no UTF-8 (invalid, or a character cut by the service at its
+// field's size) arrive as U+FFFD, in every string field of every record and event.
+TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
+    jobject r = recorder();
+    ASSERT_NO_FATAL_FAILURE(listenToEverything(r));
+
+    // Each text as the service writes it into a field of that size, and as Java should see it.
+    const struct {
+        const char* name;
+        std::function<std::string(size_t)> bytes;
+        std::function<std::u16string(size_t)> java;
+    } texts[] = {
+        {"supplementary", [](size_t) { return std::string("\xF0\x9F\x8E\x89 party"); },
+         [](size_t) { return std::u16string(u"\U0001F389 party"); }},
+        {"invalid", [](size_t) { return std::string("\xFF" "x\xC0\x80y\xE4\xB8"); },
+         [](size_t) { return std::u16string(u"\uFFFDx\uFFFD\uFFFDy\uFFFD"); }},
+        {"cut", [](size_t n) { return std::string(n - 3, 'a') + "\xF0\x9F"; },
+         [](size_t n) { return std::u16string(n - 3, u'a') + u"\uFFFD"; }},
+    };
+    for (const auto& t : texts) {
+        SCOPED_TRACE(t.name);
+        const auto b = t.bytes;
+        const auto j = t.java;
+        const Bytes app = appRecord(b(260), 12, 2, b(16), b(18), true);
+        const Bytes dev = deviceRecord(b(260), 1, b(100), b(16), false);
+        const std::u16string appJava = u"app{" + j(260) + u",12,2," + j(16) + u"," + j(18) + u",true}";
+        const std::u16string fileEvent = u"fileEvent{5000000001,5000000002,5000000003,";
+        const std::u16string item = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," + j(260) +
+                                    u"," + j(1024) + u"}";
+
+        service.push(B().i32(45).i32(0).i32(1).add(app));
+        EXPECT_EQ(text16(nextCall(r)), u"onInterAppChange " + appJava + u" 1");
+        service.push(B().i32(32).i32(0).i32(2).add(dev));
+        EXPECT_EQ(text16(nextCall(r)),
+                  u"onDLNADeviceChange device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false} 2");
+        service.push(B().i32(20).i32(1).i32(5).add(app).i32(1).str("x", 1));
+        EXPECT_EQ(text16(nextCall(r)), u"onReceivingData 5 \"x\" 1 " + appJava);
+        service.push(fileEventHead(19, 8, b(260)).add(sendTag(12)).add(app));
+        EXPECT_EQ(text16(nextCall(r)), u"onReceivingFile " + fileEvent + u"8,1,3,2," + j(260) + u"," + j(16) + u",12}");
+        service.push(fileEventHead(14, 42, b(260)).add(app).add(sendTag(12)));
+        EXPECT_EQ(text16(nextCall(r)), u"onSendingFile " + fileEvent + u"42,1,3,2," + j(260) + u"," + j(16) + u",12}");
+        service.push(fileEventHead(41, 77, b(260)).add(sendTag(0)).add(dev));
+        EXPECT_EQ(text16(nextCall(r)), u"onDLNAFileCopy " + fileEvent + u"77,1,3,2," + j(260) + u"," + j(16) + u",0}");
+
+        service.answer(44, B().i32(44).i32(1).add(app).i32(0));
+        EXPECT_EQ(text16(described(call("searchInteractionApp", {}))),
+                  u"[" + appJava + u"]");
+        service.answer(22, B().i32(22).i32(1).add(dev).i32(0));
+        EXPECT_EQ(text16(described(call("searchDMS", {}))),
+                  u"[device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false}]");
+        const Bytes fileBytes = B().str(b(100), 100).str(b(100), 100).str(b(100), 100).str(b(260), 260).str(
+            b(260), 260).str(b(1024), 1024);
+        service.answer(24, B().i32(24).i32(1).add(fileBytes).i32(0));
+        EXPECT_EQ(text16(described(call("getRootFileList", {device("NAS", 0, "uuid:nas", "10.0.0.5", false)}))),
+                  u"[" + item + u"]");
+        service.answer(47, B().i32(47).i32(0).add(fileBytes));
+        jobject parent = make(kFileInfoClass, "()V");
+        EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "a"), parent}), 0);
+        EXPECT_EQ(text16(described(parent)), item);
+    }
+    // A send status is matched to its send by the address, so only an address that the app sent
+    // to comes back: one outside the BMP.
+    const std::string address = "\xF0\x9F\x8E\x89 party";
+    EXPECT_EQ(callInt("asynSendData", {bytes("x"), integer(1), jtext(u"\U0001F389 party"), integer(12), boolean(false), r}),
+              0);
+    service.push(B().i32(54).i32(0).i32(2).str(address, 16).i32(12).add(sendTag(12)));
+    EXPECT_EQ(text16(nextCall(r)), u"onSendingData data{0,2,12,\U0001F389 party}");
 }
 
 }  // namespace

@@ -29,12 +29,13 @@ await() {
   fail "no \"$2\" in ${1##*/}"
 }
 
-# Starts the emulator serving $work/media, then "alice" listening into $work/alice.
+# Starts the emulator serving $work/media, then "alice" (or the name in $alice_name) listening
+# into $work/alice.
 start_emulator_and_alice() {
   "$emulator" --media "$work/media" "$@" >"$work/trace.log" 2>"$work/emulator.log" &
   pids+=($!)
   await "$work/emulator.log" "listening on 127.0.0.1:20014"
-  "$pelk" listen --name alice --receive-dir "$work/alice" >"$work/alice.out" 2>&1 &
+  "$pelk" listen --name "${alice_name:-alice}" --receive-dir "$work/alice" >"$work/alice.out" 2>&1 &
   pids+=($!)
   await "$work/alice.out" "listening as"
 }

@@ -77,12 +77,6 @@ void copyRecordTexts(InteractionApp& to, const InteractionApp& from) {
     to.SetMacAddress(from.szMacAddress);
 }
 
-template <size_t N, size_t M>
-void copyTerminated(char (&to)[N], const char (&from)[M]) {
-    static_assert(N <= M, "the source holds at least the destination's size");
-    Wire::CopyText(to, from);
-}
-
 // The TCP callback key: the address text up to its terminator, "_", the number.
 std::string tcpKey(const char* address, long id) {
     return std::string(address != nullptr ? address : "") + "_" + std::to_string(id);
@@ -111,13 +105,13 @@ file_transfer_event fileEvent(const Event& msg) {
     event.nCurrentCount = msg.nCurrentCount;
     event.nTotalCount = msg.nTotalCount;
     event.nEventType = msg.nEventType;
-    copyTerminated(event.strFileName, msg.strFileName);
+    Wire::CopyText(event.strFileName, msg.strFileName);
     return event;
 }
 
 file_transfer_event fileEvent(const SendFileStatusRes& msg, const InteractionApp& otherSide) {
     file_transfer_event event = fileEvent(msg);
-    copyTerminated(event.strOtherSideIP, otherSide.szIPv4);
+    Wire::CopyText(event.strOtherSideIP, otherSide.szIPv4);
     event.nRemoteAppID = otherSide.nAppID;
     return event;
 }
@@ -128,7 +122,7 @@ data_transfer_event dataEvent(const Status& msg) {
     event.nId = msg.nStatus;
     event.nEventType = msg.nEventType;
     event.nRemoteAppID = msg.nRemoteAppID;
-    copyTerminated(event.strIPAddress, msg.szIPv4);
+    Wire::CopyText(event.strIPAddress, msg.szIPv4);
     return event;
 }
 
@@ -539,7 +533,7 @@ void ActionAgent::onReceiveFile(const char* body, uint32_t length) {
     }
     if (callBack != nullptr) {
         file_transfer_event event = fileEvent(msg);
-        copyTerminated(event.strOtherSideIP, msg.sender.szIPv4);
+        Wire::CopyText(event.strOtherSideIP, msg.sender.szIPv4);
         event.nRemoteAppID = msg.sender.nAppID;
         callBack(event, user);
     }
@@ -643,7 +637,7 @@ void ActionAgent::onFileCopy(const char* body, uint32_t length) {
     const FileCopyCallBack entry = getFileCopyCallBack(static_cast<uint32_t>(msg.nTaskID));
     if (entry.pfnCallBack != nullptr) {
         file_transfer_event event = fileEvent(msg);
-        copyTerminated(event.strOtherSideIP, msg.otherSide.IPv4);
+        Wire::CopyText(event.strOtherSideIP, msg.otherSide.IPv4);
         entry.pfnCallBack(event, m_pRegisterUser);
     }
 }
@@ -725,7 +719,7 @@ void ActionAgent::onTCPDataStatus(const char* body, uint32_t length) {
         return;
     }
     char address[sizeof(msg.szIPv4)];
-    copyTerminated(address, msg.szIPv4);
+    Wire::CopyText(address, msg.szIPv4);
     const long id = msg.sendTag.byRemoteAppID;
     {
         MutexGuard guard(&m_tcpCallBackMutex);
@@ -1263,7 +1257,7 @@ int ActionAgent::setReceiveOption(const ReceiveOption* option) {
     }
     SetReceiveOptionReq request;
     char directory[sizeof(option->directory)];
-    copyTerminated(directory, option->directory);
+    Wire::CopyText(directory, option->directory);
     request.SetDirectory(OSAbstractLayer::osal_getAbsolutePath(directory).c_str());
     request.rename = option->rename;
     request.percent = option->percent;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -38,16 +39,61 @@ inline uint64_t DecodeFixed64(const unsigned char* src) {
     return static_cast<uint64_t>(DecodeFixed32(src)) | (static_cast<uint64_t>(DecodeFixed32(src + 4)) << 32);
 }
 
-// Copies at most N - 1 characters of src into dst and zeroes the rest, so the last byte is
-// always the terminator; an over-long text is cut. A null src leaves dst empty.
+// The one text cutter of the records: how many bytes of text (up to its terminator) stay when it
+// is cut to at most room bytes. The cut falls on a UTF-8 character boundary, so no character is
+// left in halves; bytes that are not UTF-8 are cut where room ends. A null text is empty.
+inline size_t CutLength(const char* text, size_t room) {
+    if (text == nullptr) {
+        return 0;
+    }
+    size_t start = 0;  // where the last character (or stray byte) seen begins
+    size_t i = 0;
+    for (; text[i] != '\0'; ++i) {
+        const unsigned char byte = static_cast<unsigned char>(text[i]);
+        const bool continues = (byte & 0xC0) == 0x80;
+        if (i == room) {
+            // A character crosses the cut when its lead byte promises more bytes than fit.
+            const unsigned char lead = static_cast<unsigned char>(text[start]);
+            const size_t width = lead >= 0xF8 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+            return continues && room - start < width ? start : room;
+        }
+        if (!continues) {
+            start = i;
+        }
+    }
+    return i;
+}
+
+// Copies text into a field of size bytes, cut to at most room bytes (room <= size), and zeroes
+// the rest of the field.
+inline void PutText(char* field, size_t size, size_t room, const char* text) {
+    const size_t length = CutLength(text, room);
+    // Byte by byte: the length is known only at run time, and GCC warns about a memcpy of a short
+    // literal that it cannot see the length keep within.
+    for (size_t i = 0; i < length; ++i) {
+        field[i] = text[i];
+    }
+    memset(field + length, 0, size - length);
+}
+
+// A terminated field: at most N - 1 bytes, so the last byte is always the terminator.
 template <size_t N>
 inline void CopyText(char (&dst)[N], const char* src) {
     static_assert(N > 0, "no room for the terminator");
-    const size_t length = src == nullptr ? 0 : strnlen(src, N - 1);
-    if (length > 0) {
-        memcpy(dst, src, length);
-    }
-    memset(dst + length, 0, N - length);
+    PutText(dst, N, N - 1, src);
+}
+
+// A field filled up to its full size: a text of N bytes or more keeps no terminator there, as the
+// readers of such fields (FileInfo, the Java bridge's device fields) expect.
+template <size_t N>
+inline void FillText(char (&dst)[N], const char* src) {
+    PutText(dst, N, N, src);
+}
+
+// The text of a field, bounded by its size (a full field has no terminator).
+template <size_t N>
+inline std::string TextOf(const char (&field)[N]) {
+    return std::string(field, strnlen(field, N));
 }
 
 template <class T>

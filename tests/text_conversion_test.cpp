@@ -1,0 +1,190 @@
+// The text conversions at the Java boundary and the one text cutter of the records, checked byte
+// by byte against encodings written out by hand.
+#include "TextConversion.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ActionManager/WireFormat.h"
+
+using PELK::Bridge::Utf16FromUtf8;
+using PELK::Bridge::Utf8FromUtf16;
+using Units = std::vector<uint16_t>;
+
+namespace {
+
+constexpr uint16_t kBad = 0xFFFD;
+
+Units decode(const std::string& bytes) { return Utf16FromUtf8(bytes.data(), bytes.size()); }
+std::string encode(const Units& units) { return Utf8FromUtf16(units.data(), units.size()); }
+Units plus(Units head, const Units& tail) {
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
+// Every byte length at both ends of its range, surrogate pairs at theirs.
+struct Character {
+    const char* bytes;
+    Units units;
+};
+const Character kCharacters[] = {
+    {"\x01", {0x0001}},
+    {"\x7F", {0x007F}},
+    {"\xC2\x80", {0x0080}},
+    {"\xC3\xA9", {0x00E9}},
+    {"\xDF\xBF", {0x07FF}},
+    {"\xE0\xA0\x80", {0x0800}},
+    {"\xE4\xB8\xAD", {0x4E2D}},
+    {"\xED\x9F\xBF", {0xD7FF}},
+    {"\xEE\x80\x80", {0xE000}},
+    {"\xEF\xBF\xBD", {0xFFFD}},
+    {"\xEF\xBF\xBF", {0xFFFF}},
+    {"\xF0\x90\x80\x80", {0xD800, 0xDC00}},
+    {"\xF0\x9F\x8E\x89", {0xD83C, 0xDF89}},
+    {"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
+};
+
+TEST(TextConversionTest, EveryByteLengthConvertsBothWays) {
+    std::string allBytes;
+    Units allUnits;
+    for (const Character& c : kCharacters) {
+        SCOPED_TRACE(c.bytes);
+        EXPECT_EQ(encode(c.units), c.bytes);
+        EXPECT_EQ(decode(c.bytes), c.units);
+        allBytes += c.bytes;
+        allUnits = plus(allUnits, c.units);
+    }
+    EXPECT_EQ(encode(allUnits), allBytes);
+    EXPECT_EQ(decode(allBytes), allUnits);
+    // U+0000 is the byte 0 both ways, never the VM's C0 80.
+    EXPECT_EQ(encode({'A', 0, 'B'}), std::string("A\0B", 3));
+    EXPECT_EQ(decode(std::string("A\0B", 3)), (Units{'A', 0, 'B'}));
+    EXPECT_EQ(encode({}), "");
+    EXPECT_EQ(decode(""), Units{});
+}
+
+TEST(TextConversionTest, LoneSurrogatesBecomeTheReplacementCharacter) {
+    const struct {
+        Units units;
+        const char* bytes;
+    } cases[] = {
+        {{0xD83C}, "\xEF\xBF\xBD"},
+        {{0xDF89}, "\xEF\xBF\xBD"},
+        {{'a', 0xD83C, 'b'}, "a\xEF\xBF\xBD" "b"},
+        {{0xDF89, 0xD83C}, "\xEF\xBF\xBD\xEF\xBF\xBD"},
+        {{0xD83C, 0xD83C, 0xDF89}, "\xEF\xBF\xBD\xF0\x9F\x8E\x89"},
+        {{0xDBFF, 0xE000}, "\xEF\xBF\xBD\xEE\x80\x80"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(encode(c.units), c.bytes) << c.bytes;
+    }
+}
+
+// The bytes that may follow each kind of lead byte second; a lead outside the table starts nothing.
+struct Lead {
+    unsigned char lead;
+    unsigned char lower;
+    unsigned char upper;
+    int width;
+};
+const Lead kLeads[] = {
+    {0xC2, 0x80, 0xBF, 2}, {0xDF, 0x80, 0xBF, 2}, {0xE0, 0xA0, 0xBF, 3}, {0xE1, 0x80, 0xBF, 3},
+    {0xED, 0x80, 0x9F, 3}, {0xEF, 0x80, 0xBF, 3}, {0xF0, 0x90, 0xBF, 4}, {0xF1, 0x80, 0xBF, 4},
+    {0xF4, 0x80, 0x8F, 4},
+};
+
+TEST(TextConversionTest, EveryInvalidLeadByteIsOneReplacement) {
+    for (int byte = 0x80; byte <= 0xFF; ++byte) {
+        if (byte >= 0xC2 && byte <= 0xF4) {
+            continue;
+        }
+        const std::string bytes = {static_cast<char>(byte), 'A'};
+        EXPECT_EQ(decode(bytes), (Units{kBad, 'A'})) << std::hex << byte;
+    }
+}
+
+// A second byte outside the lead's range ends the sequence as one U+FFFD and is read again on its
+// own; inside it, the sequence goes on (completed here with 80s).
+TEST(TextConversionTest, EveryInvalidContinuationEndsTheSequenceAndIsReadAgain) {
+    for (const Lead& l : kLeads) {
+        for (int second = 0; second <= 0xFF; ++second) {
+            SCOPED_TRACE(testing::Message() << std::hex << int(l.lead) << " " << second);
+            std::string bytes = {static_cast<char>(l.lead), static_cast<char>(second)};
+            if (second >= l.lower && second <= l.upper) {
+                bytes += std::string(l.width - 2, '\x80');
+                const Units units = decode(bytes);
+                EXPECT_EQ(units.size(), l.width == 4 ? 2u : 1u);
+                EXPECT_EQ(encode(units), bytes) << "valid, so it round-trips";
+            } else {
+                EXPECT_EQ(decode(bytes), plus({kBad}, decode(std::string(1, static_cast<char>(second)))));
+            }
+        }
+        // A third or fourth byte that is no continuation breaks the sequence off the same way.
+        if (l.width > 2) {
+            const std::string bytes = {static_cast<char>(l.lead), static_cast<char>(l.lower), 'A'};
+            EXPECT_EQ(decode(bytes), (Units{kBad, 'A'})) << std::hex << int(l.lead);
+        }
+    }
+    // Overlong forms, encoded surrogates and values past U+10FFFF: one U+FFFD per byte.
+    EXPECT_EQ(decode("\xC0\x80"), Units(2, kBad));
+    EXPECT_EQ(decode("\xE0\x80\x80"), Units(3, kBad));
+    EXPECT_EQ(decode("\xED\xA0\xBC\xED\xBE\x89"), Units(6, kBad)) << "the VM's own form of U+1F389";
+    EXPECT_EQ(decode("\xF0\x80\x80\x80"), Units(4, kBad));
+    EXPECT_EQ(decode("\xF4\x90\x80\x80"), Units(4, kBad));
+}
+
+TEST(TextConversionTest, ASequenceCutAtEveryOffsetIsOneReplacement) {
+    for (const Character& c : kCharacters) {
+        const std::string whole = c.bytes;
+        for (size_t cut = 1; cut < whole.size(); ++cut) {
+            SCOPED_TRACE(whole + " cut at " + std::to_string(cut));
+            EXPECT_EQ(decode(whole.substr(0, cut)), Units{kBad});
+            EXPECT_EQ(decode("x" + whole.substr(0, cut) + "y"), (Units{'x', kBad, 'y'}));
+            EXPECT_EQ(decode(whole.substr(0, cut) + whole), plus({kBad}, c.units));
+        }
+    }
+}
+
+// The cutter keeps whole characters: cut at any room inside one, the text ends before it.
+TEST(TextConversionTest, TheCutterCutsOnACharacterBoundary) {
+    using PELK::Wire::CutLength;
+    for (const Character& c : kCharacters) {
+        const std::string text = std::string("ab") + c.bytes + "c";
+        const size_t end = 2 + strlen(c.bytes);
+        for (size_t room = 0; room <= text.size() + 1; ++room) {
+            const size_t expected = room < 2 ? room : room < end ? 2 : std::min(room, text.size());
+            EXPECT_EQ(CutLength(text.c_str(), room), expected) << c.bytes << " room " << room;
+        }
+    }
+    const struct {
+        const char* text;
+        size_t room;
+        size_t kept;
+    } cases[] = {
+        {nullptr, 5, 0},
+        {"abc\0def", 5, 3},
+        {"ab\x80\x80\x80\x80\x80", 4, 4},       // stray continuations are not UTF-8: cut at room
+        {"\xC3\xA9\x80\x80", 3, 3},             // a whole character then strays
+        {"\xF0\x9F\x8E\x89\x80", 4, 4},         // a fifth byte is no part of the character
+        {"\xFF\x80\x80", 2, 2},                 // no lead at all
+        {"\xE4\xB8\xAD\xE4\xB8\xAD", 5, 3},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CutLength(c.text, c.room), c.kept) << (c.text == nullptr ? "(null)" : c.text) << " room " << c.room;
+    }
+
+    // The two field shapes: a terminated one keeps N - 1 bytes, a full one N.
+    char terminated[6];
+    PELK::Wire::CopyText(terminated, "ab\xF0\x9F\x8E\x89");
+    EXPECT_EQ(std::string(terminated, 6), std::string("ab\0\0\0\0", 6));
+    char full[6];
+    PELK::Wire::FillText(full, "ab\xF0\x9F\x8E\x89");
+    EXPECT_EQ(std::string(full, 6), "ab\xF0\x9F\x8E\x89");
+    EXPECT_EQ(PELK::Wire::TextOf(full), "ab\xF0\x9F\x8E\x89");
+    PELK::Wire::FillText(full, "abc\xF0\x9F\x8E\x89");
+    EXPECT_EQ(std::string(full, 6), std::string("abc\0\0\0", 6));
+}
+
+}  // namespace
