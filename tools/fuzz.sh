@@ -24,7 +24,7 @@ if command -v ninja >/dev/null 2>&1; then
   generator=(-G Ninja)
 fi
 if [ ! -f "$build_dir/CMakeCache.txt" ]; then
-  CC=clang CXX=clang++ cmake -S . -B "$build_dir" "${generator[@]}" -DPELK_ASAN=ON -DPELK_BUILD_BENCH=OFF \
+  CC=clang CXX=clang++ cmake -S . -B "$build_dir" "${generator[@]}" -DPELK_ASAN=ON -DPELK_BUILD_BENCH=OFF -DPELK_WERROR="${PELK_WERROR:-OFF}" \
     -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link
 fi
 cmake --build "$build_dir" --parallel "$(nproc)" --target "${targets[@]}"

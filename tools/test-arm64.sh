@@ -33,7 +33,7 @@ fi
 
 if [ ! -f "$build_dir/CMakeCache.txt" ]; then
   cmake -S . -B "$build_dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DPELK_BUILD_BENCH=OFF \
-    -DGTest_DIR="$googletest_dir/install/lib/cmake/GTest"
+    -DPELK_WERROR="${PELK_WERROR:-OFF}" -DGTest_DIR="$googletest_dir/install/lib/cmake/GTest"
 fi
 cmake --build "$build_dir" --parallel "$jobs"
 ctest --test-dir "$build_dir" "${selection[@]}" --output-on-failure --parallel "$jobs"

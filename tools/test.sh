@@ -5,6 +5,7 @@
 #   tools/test.sh --soak     only the soak suites, with their output (PELK_SOAK_SECONDS, PELK_SOAK_CYCLES; tools/soak.sh)
 #   tools/test.sh --build-only   configure and build, run nothing
 #   PELK_SANITIZER=asan|tsan tools/test.sh   the same under a sanitizer (build-asan/, build-tsan/)
+#   PELK_WERROR=ON tools/test.sh             warnings are errors (as in CI)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -33,6 +34,10 @@ fi
 if [ ! -f "$build_dir/CMakeCache.txt" ]; then
   cmake -S . -B "$build_dir" "${generator[@]}" "${options[@]}"
 fi
+# PELK_WERROR=ON (CI sets it) makes every warning an error, in a build made before too.
+if [ -n "${PELK_WERROR:-}" ]; then
+  cmake -B "$build_dir" -DPELK_WERROR="$PELK_WERROR" >/dev/null
+fi
 cmake --build "$build_dir" --parallel "$(nproc)"
 [ -z "$build_only" ] || exit 0
-ctest --test-dir "$build_dir" "${selection[@]}" --output-on-failure --parallel "$(nproc)"
+ctest --test-dir "$build_dir" "${selection[@]}" --no-tests=error --output-on-failure --parallel "$(nproc)"
