@@ -161,6 +161,19 @@ TEST_F(DataTest, UDPStatusIsKeyedByTheWholeAddressField) {
     ASSERT_TRUE(callbacks.waitFor("data", 1));
     EXPECT_FALSE(callbacks.waitFor("data", 2, 300)) << "one status per send";
     EXPECT_EQ(&user, callbacks.of("data")[0].user);
+
+    // A failed or refused send withdraws its own entry, never a pending one's to the same app.
+    int other = 0;
+    ASSERT_EQ(0, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &user));
+    service->answer(ACTION_SEND_UDP_DATA, body(ACTION_SEND_UDP_DATA, {}));
+    EXPECT_NE(0, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &other));
+    answerResult(ACTION_SEND_UDP_DATA, 5);
+    EXPECT_EQ(5, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &other));
+    ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(app, 0)));
+    ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(app, 0)));
+    ASSERT_TRUE(callbacks.waitFor("data", 2));
+    EXPECT_FALSE(callbacks.waitFor("data", 3, 300)) << "the failed sends filed nothing";
+    EXPECT_EQ(&user, callbacks.of("data")[1].user);
 }
 
 TEST_F(DataTest, AStatusCallbackMaySendWithAStatusCallbackOfItsOwn) {

@@ -829,21 +829,19 @@ int ActionAgent::sendUDPData(const char* data, unsigned int len, const Interacti
     }
     // Filed before the call, so that a status that overtakes the reply still finds its entry.
     const bool wantsCallBack = wantStatus && cb != nullptr;
-    if (wantsCallBack) {
-        addUDPCallBack(app->szIPv4, app->nAppID, cb, user);
-    }
+    const uint64_t filed = wantsCallBack ? addUDPCallBack(app->szIPv4, app->nAppID, cb, user) : 0;
     SendUDPDataRes response;
     int code = exchange(request, &response, kServiceTimeout);
     if (code == kNoMemory) {
         code = SendUDPDataResult::kOutOfMemory;
     }
-    if (code != 0) {
-        if (wantsCallBack) {
-            deleteUDPCallBack(app->szIPv4, app->nAppID);
-        }
-        return code;
+    if (code == 0) {
+        code = response.nResult;
     }
-    return response.nResult;
+    if (code != 0 && wantsCallBack) {
+        withdrawUDPCallBack(filed);  // no status comes; never an earlier pending send's entry
+    }
+    return code;
 }
 
 int ActionAgent::sendUDPHugeData(const char* data, unsigned int len, const InteractionApp* app) {
@@ -955,14 +953,16 @@ void ActionAgent::deleteTCPCallBack(const char* address, long id) {
     }
 }
 
-void ActionAgent::addUDPCallBack(const char* address, long id, DataTransferCallback cb, void* user) {
+uint64_t ActionAgent::addUDPCallBack(const char* address, long id, DataTransferCallback cb, void* user) {
     UDPSendCallBack entry;
     entry.pfnCallBack = cb;
     entry.pUser = user;
     entry.nId = id;
     entry.strAddress = udpAddress(address);
     MutexGuard guard(&m_udpCallBackMutex);
+    entry.nSerial = ++m_nUDPCallBackSerial;
     m_udpCallBacks.push_back(entry);
+    return entry.nSerial;
 }
 
 UDPSendCallBack ActionAgent::getUDPCallBack(const char* address, long id) {
@@ -985,6 +985,11 @@ void ActionAgent::deleteUDPCallBack(const char* address, long id) {
             return;
         }
     }
+}
+
+void ActionAgent::withdrawUDPCallBack(uint64_t serial) {
+    MutexGuard guard(&m_udpCallBackMutex);
+    m_udpCallBacks.remove_if([serial](const UDPSendCallBack& entry) { return entry.nSerial == serial; });
 }
 
 uint64_t ActionAgent::createMapKey(const char* address, unsigned long id) {

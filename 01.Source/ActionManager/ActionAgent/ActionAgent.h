@@ -65,6 +65,7 @@ struct UDPSendCallBack {
     void* pUser = nullptr;
     long nId = -1;
     std::string strAddress;  // the whole 16-byte address field, zero bytes included
+    uint64_t nSerial = 0;    // tells apart the entries of several sends to one app
 };
 
 // A file send's progress callback, found by the service's task ID.
@@ -150,9 +151,11 @@ public:
     void addTCPCallBack(const char* address, long id, DataTransferCallback cb, void* user);
     bool getTCPCallBack(const char* address, long id, TCPSendCallBack& entry);
     void deleteTCPCallBack(const char* address, long id);
-    void addUDPCallBack(const char* address, long id, DataTransferCallback cb, void* user);
+    // Returns the entry's serial, by which a send whose call failed withdraws exactly its own.
+    uint64_t addUDPCallBack(const char* address, long id, DataTransferCallback cb, void* user);
     UDPSendCallBack getUDPCallBack(const char* address, long id);
     void deleteUDPCallBack(const char* address, long id);
+    void withdrawUDPCallBack(uint64_t serial);
 
     // Large payloads: cutting on the sending side, joining on the receiving side.
     static uint64_t createMapKey(const char* address, unsigned long id);
@@ -295,6 +298,7 @@ private:
     std::atomic<InterAppChangeCallback> m_pfnInterAppChange;
     std::list<SendFileCallBack> m_sendFileCallBacks;
     std::list<UDPSendCallBack> m_udpCallBacks;
+    uint64_t m_nUDPCallBackSerial = 0;  // under m_udpCallBackMutex
     std::list<FileCopyCallBack> m_fileCopyCallBacks;
     std::map<uint64_t, DataBlockListInfo> m_dataBlockMap;
     std::map<std::string, TCPSendCallBack> m_tcpCallBackMap;
