@@ -159,9 +159,14 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     EXPECT_EQ(kCallerAppID, readInt32(request, 4));
     EXPECT_EQ("tester", readText(request, 8, 260));
 
-    ASSERT_TRUE(service->waitForRequests(ACTION_SET_RECEIVE_OPTION, 2));
+    // The option and status 4 follow about 3 s after the registration succeeded.
+    const Clock::time_point registered = Clock::now();
+    ASSERT_TRUE(service->waitForRequests(ACTION_SET_RECEIVE_OPTION, 2, 6000));
+    EXPECT_GT(secondsSince(registered), 2.5);
     EXPECT_EQ("/tmp/incoming", readText(lastRequest(ACTION_SET_RECEIVE_OPTION), 4, 260));
     ASSERT_TRUE(callbacks.waitFor("app", 2));
+    EXPECT_LT(secondsSince(registered), 4.5);
+    EXPECT_TRUE(log.contains("[reconnected to server]"));
     const CallbackRecord back = callbacks.of("app").at(1);
     EXPECT_EQ(4, back.status);
     EXPECT_EQ(kAppID, back.app.nAppID);
@@ -171,21 +176,29 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     EXPECT_TRUE(apps.empty()) << "the list was cleared";
 }
 
-TEST_F(ReconnectionTest, AttemptsStartSixSecondsApartWhileTheServiceIsAway) {
+// The service stays away for two attempts; the app then registers by itself while the thread waits
+// for the third, which never comes.
+TEST_F(ReconnectionTest, AttemptsStartSixSecondsApartUntilTheAppRegistersByItself) {
     registerAgent();
     const Clock::time_point lost = Clock::now();
     service->closeConnection();
-    service.reset();  // the first attempt, about 3 s after the loss, finds nobody
+    service.reset();
     ASSERT_TRUE(callbacks.waitFor("app", 1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(4500));
+    const auto attempts = [&] { return log.count("[reconnecting to server......]"); };
+    ASSERT_TRUE(waitUntil([&] { return attempts() == 1; }, 5000));
+    EXPECT_NEAR(3.0, secondsSince(lost), 1.0);
+    ASSERT_TRUE(waitUntil([&] { return attempts() == 2; }, 8000));
+    EXPECT_NEAR(9.0, secondsSince(lost), 1.0);
+
+    // Past the pause after the second attempt (3 s), within the wait for the third (6 s apart).
+    std::this_thread::sleep_for(std::chrono::milliseconds(13000) - (Clock::now() - lost));
     service = std::make_unique<FakeService>();
     ASSERT_TRUE(service->listening());
     answerLifecycle();
-    ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 1, 8000));
-    const double after = secondsSince(lost);
-    EXPECT_GT(after, 8.0);
-    EXPECT_LT(after, 10.5);
-    EXPECT_TRUE(callbacks.waitFor("app", 2));
+    ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, nullptr));
+    EXPECT_TRUE(waitUntil([&] { return log.contains("reconnectThread finished"); }, 8000));
+    EXPECT_EQ(2u, attempts());
+    EXPECT_EQ(1u, service->received(ACTION_REGISTER).size()) << "the app's own registration alone";
 }
 
 TEST_F(ReconnectionTest, NothingReconnectsWithAutoReconnectOff) {

@@ -26,6 +26,7 @@ const int kOneYear = 31536000;
 // First reconnection attempt after a loss, then the spacing between attempts' starts.
 const int kFirstReconnectMs = 3000;
 const int kReconnectIntervalMs = 6000;
+const int kAfterAttemptMs = 3000;  // after each attempt, before its outcome is acted on
 const int kReconnectStopResult = LinkResult::kNotRegistered;
 
 const unsigned int kMaxTCPData = 65535;
@@ -398,6 +399,9 @@ void ActionAgent::reconnect() {
         const InteractionApp own = getOwnApp();
         const int result = registerApp(own.szAppName, own.nType, m_pRegisterUser, m_pfnInterAppChange,
                                        m_pfnDLNADeviceChange, true);
+        // Every attempt, a successful one too, is followed by a pause before its outcome is acted
+        // on, so a service that has just come back settles before the option is re-sent.
+        reconnectPauseUntil(OSAbstractLayer::osal_monotonic_ms() + kAfterAttemptMs);
         if (result == 0) {
             reconnected = true;
             break;
@@ -407,7 +411,8 @@ void ActionAgent::reconnect() {
         }
         // Attempts start 6 s apart however long each took, so a refusal at once still waits.
         nextAttempt += kReconnectIntervalMs;
-        if (!reconnectPauseUntil(nextAttempt)) {
+        // The app may have registered by itself, or turned reconnection off, during the wait.
+        if (!reconnectPauseUntil(nextAttempt) || m_nAppID != -1) {
             break;
         }
     }
