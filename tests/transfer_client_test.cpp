@@ -4,6 +4,7 @@
 #include "CommonLib/OSAL.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -12,7 +13,9 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "support/FakeService.h"
 #include "support/LogCapture.h"
@@ -375,6 +378,54 @@ TEST_F(TransferClientTest, OrderlyStopClosesTheSocketBeforeReturningAndEndsWithN
     EXPECT_EQ((std::vector<int32_t>{0}), events.ids());
     EXPECT_TRUE(service->waitForClientClose());
     EXPECT_EQ(0u, log.count("onNetException called."));
+}
+
+// A class derived from the socket client hears the receiver thread through the three hooks: data,
+// then on a lost peer the loss before the stop; an orderly stop calls no loss hook and returns
+// only once the thread has stopped and closed the socket.
+class HookedClient : public PELK::Agent::SocketClient {
+public:
+    ~HookedClient() { stopReceiver(); }  // before the hooks go away with this class
+    bool onDataReceived() override {
+        char buffer[256];
+        const ssize_t got = recv(static_cast<int>(getSocket()), buffer, sizeof(buffer), 0);
+        note(got > 0 ? "data" : "end");
+        return got > 0;
+    }
+    bool onNetException() override { return note("loss"), SocketClient::onNetException(); }
+    bool onReceiverStopped() override { return note("stopped"), SocketClient::onReceiverStopped(); }
+    std::vector<std::string> calls() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_calls;
+    }
+    bool connect() { return createSocket() && connectToServer() && startReceiver(); }
+
+private:
+    void note(const char* call) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        if (m_calls.empty() || m_calls.back() != call) {
+            m_calls.push_back(call);
+        }
+    }
+    std::mutex m_mutex;
+    std::vector<std::string> m_calls;
+};
+
+TEST_F(TransferClientTest, ADerivedSocketClientHearsTheReceiverThroughItsHooks) {
+    HookedClient hooked;
+    ASSERT_TRUE(hooked.connect());
+    ASSERT_TRUE(service->waitForConnections(1));
+    ASSERT_TRUE(service->push(body(45, {1})));
+    ASSERT_TRUE(pelktest::waitUntil([&] { return !hooked.calls().empty(); }, 5000));
+    service->closeConnection();
+    ASSERT_TRUE(pelktest::waitUntil([&] { return hooked.calls().size() == 4; }, 5000));
+    EXPECT_EQ((std::vector<std::string>{"data", "end", "loss", "stopped"}), hooked.calls());
+
+    HookedClient orderly;
+    ASSERT_TRUE(orderly.connect());
+    ASSERT_TRUE(orderly.stopReceiver());
+    EXPECT_EQ((std::vector<std::string>{"stopped"}), orderly.calls());
+    EXPECT_EQ(OSAL_INVALID_SOCKET, orderly.getSocket());
 }
 
 // Lifetime: no thread may outlive the client, whatever the timing.

@@ -702,7 +702,18 @@ bool SocketClient::unlockSocket() {
     return true;
 }
 
+namespace {
+
+// The run whose receiver thread this is, while that thread calls the hooks: a newer run may have
+// replaced the client's current one meanwhile, and the hooks must act on the thread's own.
+thread_local LinkRun* t_receiverRun = nullptr;
+
+}  // namespace
+
 bool SocketClient::onDataReceived() {
+    if (t_receiverRun != nullptr) {
+        return receiveFrames(t_receiverRun);  // the receiver thread holds the socket mutex
+    }
     RunRef run(acquireRun());
     if (run.get() == nullptr) {
         return false;
@@ -712,11 +723,17 @@ bool SocketClient::onDataReceived() {
 }
 
 bool SocketClient::onReceiverStopped() {
+    if (t_receiverRun != nullptr) {
+        return receiverEnded(t_receiverRun);
+    }
     RunRef run(acquireRun());
     return run.get() != nullptr && receiverEnded(run.get());
 }
 
 bool SocketClient::onNetException() {
+    if (t_receiverRun != nullptr) {
+        return reportLoss(t_receiverRun);
+    }
     RunRef run(acquireRun());
     return run.get() != nullptr && reportLoss(run.get());
 }
@@ -796,7 +813,9 @@ bool SocketClient::watchOnce(LinkRun* run, size_t& backOff) {
             return true;
         }
         ZT_LOG(Common::ZT_LOG_DEBUG, "before onDataReceived");
-        keepGoing = receiveFrames(run);
+        // The receiver thread reads through the hook a derived class may override; the callback
+        // thread, which reads only while it waits for events, reads its run directly.
+        keepGoing = t_receiverRun == run ? onDataReceived() : receiveFrames(run);
     }
     ZT_LOG(Common::ZT_LOG_DEBUG, "after onDataReceived");
     if (ready > 0) {
@@ -809,6 +828,7 @@ unsigned int SocketClient::thread_dataReceiver(void* arg) {
     LinkRun* run = static_cast<LinkRun*>(arg);
     SocketClient* pThis = run->m_pOwner;
     OSAbstractLayer::osal_detach_current_thread();
+    t_receiverRun = run;  // the hooks below act on this thread's run
 
     size_t backOff = 0;
     size_t parked = 0;
@@ -833,16 +853,17 @@ unsigned int SocketClient::thread_dataReceiver(void* arg) {
     const bool lost = run->m_fReceiving;
     ZT_LOG(Common::ZT_LOG_DEBUG, "After dataReceiver loop, pThis->m_fReceiverStarted=%d", lost ? 1 : 0);
     if (lost) {
-        pThis->reportLoss(run);
+        pThis->onNetException();
     }
     ZT_LOG(Common::ZT_LOG_INFO, "SocketClient: Receiver thread fininsed.");
     run->m_fReceiving = false;
     pThis->clearIfCurrent(run, pThis->m_fReceiverStarted);
-    pThis->receiverEnded(run);
+    pThis->onReceiverStopped();
     if (run->m_fSocketOpen) {
         pThis->closeSocketOf(run);
     }
     run->setThreadDone(&LinkRun::m_fReceiverDone, true);
+    t_receiverRun = nullptr;
     // The last touch of the client: from here on it may be destroyed.
     pThis->threadEnded();
     LinkRun::release(run);

@@ -140,8 +140,10 @@ public:
     long getSocket() const { return m_nSockID.load(); }
     bool isReceiverStarted() const { return m_fReceiverStarted.load(); }
 
-    // The receiver thread's steps, for the current run: reading a readable socket (false ends
-    // the receiver), its end, and the end of its loop while it was meant to run (a lost link).
+    // The receiver thread's steps, which it takes through these hooks for its own run: reading a
+    // readable socket (false ends the receiver), the end of its loop while it was meant to run (a
+    // lost link, before the stop), and its stop. Called from elsewhere they act on the current
+    // run. A derived class that overrides them stops the receiver in its own destructor.
     virtual bool onDataReceived();
     virtual bool onReceiverStopped();
     virtual bool onNetException();
