@@ -8,10 +8,12 @@
 #include <chrono>
 #include <thread>
 
+#include "ActionManager/ResultCodes.h"
 #include "support/AgentFixture.h"
 
 using namespace pelktest;
 using PELK::ACTION_REGISTER;
+using PELK::ACTION_SEND_DATA;
 using PELK::ACTION_SET_RECEIVE_OPTION;
 using PELK::ACTION_UNREGISTER;
 using PELK::InteractionApp;
@@ -199,6 +201,29 @@ TEST_F(ReconnectionTest, AttemptsStartSixSecondsApartUntilTheAppRegistersByItsel
     EXPECT_TRUE(waitUntil([&] { return log.contains("reconnectThread finished"); }, 8000));
     EXPECT_EQ(2u, attempts());
     EXPECT_EQ(1u, service->received(ACTION_REGISTER).size()) << "the app's own registration alone";
+}
+
+// A service that stops reading makes a send time out in the middle of its frame: the connection
+// can never be framed again, so it is a loss like a closed one, and the agent registers again.
+TEST_F(ReconnectionTest, ASendCutByAStalledServiceIsALossAndTheAgentRegistersAgain) {
+    registerAgent();
+    service->stallReading(true);
+    const std::string chunk(65535, 'x');
+    const InteractionApp peer = otherApp(20, "peer");
+    int code = 0;
+    while ((code = agent->asynSendData(chunk.data(), static_cast<unsigned int>(chunk.size()), &peer, false, nullptr,
+                                       nullptr)) == 0) {
+    }
+    const Clock::time_point cut = Clock::now();
+    EXPECT_EQ(PELK::LinkResult::kSendFailed.value, code);
+    ASSERT_TRUE(callbacks.waitFor("app", 1));
+    EXPECT_EQ(3, callbacks.of("app")[0].status);
+    service->stallReading(false);
+    ASSERT_TRUE(callbacks.waitFor("app", 2, 15000));
+    EXPECT_EQ(4, callbacks.of("app")[1].status);
+    EXPECT_NEAR(6.0, secondsSince(cut), 1.5) << "3 s to the attempt, 3 s after it";
+    answerResult(ACTION_SEND_DATA);
+    EXPECT_EQ(0, agent->sendData("after", 5, &peer, false, 5));
 }
 
 TEST_F(ReconnectionTest, NothingReconnectsWithAutoReconnectOff) {

@@ -687,23 +687,45 @@ TEST_F(TransferClientTest, OnceTheLossIsKnownCallsSayDisconnected) {
 // ---------------------------------------------------------------------------------------------
 // Paths the faults above do not reach
 
-TEST_F(TransferClientTest, AFailedSendReleasesTheServiceForTheNextCall) {
+// A send that times out with nothing of its frame written leaves the connection framed; one that
+// cut its frame gives the connection up as a lost service, and nothing more is written on it.
+TEST_F(TransferClientTest, ASendTimeOutKeepsTheConnectionUnlessItCutItsFrame) {
     EXPECT_EQ(1105, call(body(44), 1));  // no connection yet
     EXPECT_EQ('W', levelOf("Send data fail!"));
     service->answer(44, body(44));
-    ASSERT_TRUE(client->startTransfer());
+    startWithCallback();
     ASSERT_EQ(0, call(body(44), 5));
+    char* none = nullptr;
+    const auto oneWay = [&](Bytes request) {
+        return client->serviceCall(reinterpret_cast<char*>(request.data()), static_cast<int>(request.size()), none,
+                                   nullptr, 5);
+    };
+
+    // Frames of a few bytes go whole or not at all: the one that times out wrote nothing.
+    service->stallReading(true);
+    size_t sent = 0;
+    int code = 0;
+    while ((code = oneWay(body(43))) == 0) {
+        ++sent;
+    }
+    EXPECT_EQ(1105, code);
+    EXPECT_EQ(0u, log.count("A frame was cut"));
+    service->stallReading(false);
+    EXPECT_TRUE(service->waitForRequests(43, sent, 20000));
+    EXPECT_EQ(0, call(body(44), 5)) << "the connection stayed framed";
+    EXPECT_EQ(1, service->connections());
 
     service->stallReading(true);
-    Bytes huge = pelktest::B().i32(45).zeros(16 << 20);
-    char* none = nullptr;
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(1105, client->serviceCall(reinterpret_cast<char*>(huge.data()), static_cast<int>(huge.size()), none,
-                                        nullptr, 5));
+    EXPECT_EQ(1105, oneWay(pelktest::B().i32(45).zeros(16 << 20)));
     EXPECT_GE(secondsSince(start), 4.5);
-    EXPECT_EQ(2u, log.count("Send data fail!"));
-    client->stopTransfer();  // the stream is broken; the service mutex must not be
+    EXPECT_TRUE(log.contains("A frame was cut"));
+    EXPECT_EQ(1107, call(body(44), 5));
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_EQ((std::vector<int32_t>{46, 0}), events.ids()) << "the loss, then the link's end";
     service->stallReading(false);
+    EXPECT_TRUE(service->waitForClientClose());
+    EXPECT_EQ(2u, service->received(44).size()) << "no frame followed the cut one";
     ASSERT_TRUE(client->startTransfer());
     EXPECT_EQ(0, call(body(44), 5));
 }

@@ -655,13 +655,15 @@ int OSAbstractLayer::osal_shutdown_socket(long sock) {
     return isInvalidSocket(sock) ? 1 : (shutdown(static_cast<int>(sock), SHUT_RDWR) == 0 ? 0 : 1);
 }
 
-int OSAbstractLayer::osal_send_all(long sock, const char* buffer, int length, int seconds) {
+int OSAbstractLayer::osal_send_all(long sock, const char* buffer, int length, int seconds, int* sent) {
+    int ignored = 0;
+    int& done = sent != nullptr ? *sent : ignored;
+    done = 0;
     const int checked = checkSend(sock, buffer, length);
     if (checked != 0) {
         return checked;
     }
     const int64_t deadline = osal_monotonic_ms() + static_cast<int64_t>(seconds) * 1000;
-    int done = 0;
     while (done < length) {
         countSyscall();
         // MSG_NOSIGNAL: a peer that vanished must not kill the app with SIGPIPE.

@@ -155,10 +155,7 @@ void FakeService::resetConnection() {
 void FakeService::stallReading(bool stalled) {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_stalled = stalled;
-    if (stalled && m_clientFd >= 0) {
-        const int small = 4096;  // a buffer that fills soon instead of growing
-        setsockopt(m_clientFd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
-    }
+
     const char wake = 'r';
     (void)!write(m_wakeFds[1], &wake, 1);
 }
@@ -337,14 +334,16 @@ bool FakeService::readFromClient() {
     {
         std::lock_guard<std::mutex> guard(m_mutex);
         m_inbox.insert(m_inbox.end(), chunk, chunk + got);
-        while (m_inbox.size() >= 4) {
-            const uint32_t length = readLittleEndian32(m_inbox.data());
-            if (m_inbox.size() < 4 + static_cast<size_t>(length)) {
+        size_t used = 0;  // taken off once, so that a read of many small frames costs one move
+        while (m_inbox.size() - used >= 4) {
+            const uint32_t length = readLittleEndian32(m_inbox.data() + used);
+            if (m_inbox.size() - used < 4 + static_cast<size_t>(length)) {
                 break;
             }
-            frames.emplace_back(m_inbox.begin() + 4, m_inbox.begin() + 4 + length);
-            m_inbox.erase(m_inbox.begin(), m_inbox.begin() + 4 + length);
+            frames.emplace_back(m_inbox.begin() + used + 4, m_inbox.begin() + used + 4 + length);
+            used += 4 + length;
         }
+        m_inbox.erase(m_inbox.begin(), m_inbox.begin() + used);
     }
     for (const Bytes& frameBody : frames) {
         handleFrame(frameBody);

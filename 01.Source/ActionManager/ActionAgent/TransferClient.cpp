@@ -1068,8 +1068,18 @@ int TransferClient::sendRequest(LinkRun* run, const char* buf, int len) {
         return kServiceOutOfMemory;
     }
     const long sock = run != nullptr ? run->m_nSock : OSAL_INVALID_SOCKET;
-    if (OSAbstractLayer::osal_send_all(sock, frame.get(), len + Frame::MSG_LENGTH_OFFSET, kSendTimeoutSeconds) <= 0) {
+    int sent = 0;
+    if (OSAbstractLayer::osal_send_all(sock, frame.get(), len + Frame::MSG_LENGTH_OFFSET, kSendTimeoutSeconds,
+                                       &sent) <= 0) {
         ZT_LOG(Common::ZT_LOG_WARNING, "Send data fail!");
+        if (sent > 0 && run != nullptr) {
+            // Part of the frame is on the connection and the rest never will be: the service would
+            // take whatever followed as that frame's body, so nothing may follow. The connection
+            // is given up as a lost service; later calls on it fail as disconnected.
+            ZT_LOG(Common::ZT_LOG_WARNING, "A frame was cut after %d of %d bytes: the connection is given up", sent,
+                   len + Frame::MSG_LENGTH_OFFSET);
+            markLost(run);
+        }
         return kServiceSendFailed;
     }
     return kServiceOk;

@@ -105,8 +105,8 @@ public:
     static uint32_t osal_inet_addr(const char* text);
     // Sends the whole buffer, trying at once and waiting for room only while the socket is
     // full, for at most `seconds` in all: 1 all sent, 0 time-out, -1 error or peer gone.
-    // Never raises SIGPIPE.
-    static int osal_send_all(long sock, const char* buffer, int length, int seconds);
+    // Never raises SIGPIPE. *sent, when given, receives the bytes that went out.
+    static int osal_send_all(long sock, const char* buffer, int length, int seconds, int* sent = nullptr);
     // One receive of whatever is waiting, at most length bytes, retried when a signal
     // interrupts it: >0 bytes received, 0 the peer closed, -1 with errno set (EAGAIN or
     // EWOULDBLOCK: nothing came within the socket's receive time-out or, with dontWait, nothing
