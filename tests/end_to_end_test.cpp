@@ -274,6 +274,26 @@ TEST_F(EndToEndTest, BothAppsRegisterAgainByThemselvesAfterTheServiceRestarts) {
     EXPECT_NE(std::string::npos, output.find("\"tester\""));
 }
 
+// A service that stalls (stopped here) makes a send time out in the middle of its frame: the app
+// hears of the loss at once, registers again by itself once the service runs, and data flows.
+TEST_F(EndToEndTest, AfterAStallCutsASendTheAppRegistersAgainAndDataFlows) {
+    const InteractionApp alicesRecord = appNamed("alice");
+    emulator->signal(SIGSTOP);
+    const std::string chunk(65535, 's');
+    int code = 0;
+    while ((code = agent.asynSendData(chunk.data(), static_cast<unsigned int>(chunk.size()), &alicesRecord, false,
+                                      nullptr, nullptr)) == 0) {
+    }
+    EXPECT_EQ(1105, code);
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_DISCONNECTED));
+    emulator->signal(SIGCONT);
+    ASSERT_TRUE(pelktest::waitUntil([&] { return agent.getAppID() > 0; }, kReconnectMs, 20));
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
+    const std::string text = "after the stall";
+    EXPECT_EQ(0, agent.sendData(text.data(), static_cast<unsigned int>(text.size()), &alicesRecord, false, 10));
+    EXPECT_TRUE(alice->awaitOutput("bytes): after the stall"));
+}
+
 TEST_F(EndToEndTest, BadInputGetsAClearAnswerAndTheServiceGoesOn) {
     std::string output;
     EXPECT_EQ(1, pelk({"send", "--to", "nobody", "hi"}, output));
