@@ -129,8 +129,14 @@ protected:
         SetReceiveOptionReq option;
         option.SetDirectory(folder.c_str());
         option.percent = percent;
-        ASSERT_TRUE(send(client, option));
-        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(client));
+        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(client, option));
+    }
+
+    // Sends request and returns the result of its reply.
+    template <class Res>
+    int32_t result(ClientId client, const ReqResBase& request) {
+        EXPECT_TRUE(send(client, request));
+        return result<Res>(client);
     }
 
     // The result of the reply among what was sent to client since the last take.
@@ -194,8 +200,7 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
 
 TEST_F(EmulatorTest, RequestsBeforeRegistrationAreRefusedAndOtherIDsEndTheConnection) {
     service->connect(1);
-    ASSERT_TRUE(send(1, SearchAppReq()));
-    EXPECT_EQ(RESULT_NOT_REGISTERED, result<SearchAppRes>(1));
+    EXPECT_EQ(RESULT_NOT_REGISTERED, result<SearchAppRes>(1, SearchAppReq()));
     // Events, the link's own 46, and IDs the protocol does not have are no requests.
     for (int32_t id : {ACTION_RECEIVE_DATA, ACTION_SERVER_DISCONNECTED, 99}) {
         const Bytes body = B().i32(id).i32(0).v;
@@ -304,12 +309,10 @@ TEST_F(EmulatorTest, DataReachesItsTargetWithTheSendersRecordAndUnknownTargetsAr
     EXPECT_EQ(2, data.sender.nAppID);
 
     request.app = addressOf(9);
-    ASSERT_TRUE(send(2, request));
-    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2));
+    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
     request.app = addressOf(1);
     request.app.SetIPv4("10.0.0.1");  // app 1 lives on this device only
-    ASSERT_TRUE(send(2, request));
-    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2));
+    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
     EXPECT_TRUE(host.take(1).empty());
 }
 
@@ -358,8 +361,7 @@ TEST_F(EmulatorTest, LargePayloadPiecesAndBroadcastsAreRelayedAsTheirKinds) {
         piece.app = addressOf(1);
         const Bytes payload = B().i32(77).i32(sequence).str("part", 4).v;
         piece.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
-        ASSERT_TRUE(send(3, piece));
-        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3));
+        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3, piece));
     }
     const std::vector<Received> pieces = receivedData(host.take(1));
     ASSERT_EQ(3u, pieces.size());
@@ -371,8 +373,7 @@ TEST_F(EmulatorTest, LargePayloadPiecesAndBroadcastsAreRelayedAsTheirKinds) {
     BroadcastReq broadcast;
     broadcast.app.SetIPv4("0.0.0.0");
     broadcast.data.Set("all", 3);
-    ASSERT_TRUE(send(3, broadcast));
-    EXPECT_EQ(RESULT_OK, result<BroadcastRes>(3));
+    EXPECT_EQ(RESULT_OK, result<BroadcastRes>(3, broadcast));
     for (ClientId other : {1, 2}) {
         const std::vector<Received> got = receivedData(host.take(other));
         ASSERT_EQ(1u, got.size());
@@ -412,8 +413,7 @@ protected:
     int32_t control(ClientId client, int32_t command, int32_t taskID) {
         FileTransferCtrlReq request(command);
         request.nTaskID = taskID;
-        EXPECT_TRUE(send(client, request));
-        return result<FileTransferCtrlRes>(client);
+        return result<FileTransferCtrlRes>(client, request);
     }
 
     std::string inbox = files.file("inbox");
@@ -461,8 +461,7 @@ TEST_F(FileSendTest, RefusalsNameTheirCause) {
     EXPECT_EQ(-RESULT_NO_RECEIVE_FOLDER, sendFiles({big}, 2));
     SetReceiveOptionReq option;
     option.SetDirectory(files.file("absent").c_str());
-    ASSERT_TRUE(send(2, option));
-    EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2));
+    EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
     EXPECT_EQ(0u, service->taskCount());
 }
 
@@ -607,8 +606,7 @@ TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
     EXPECT_EQ("notes", readFile(media.file("Music/notes.txt")));
 
     upload.items = {item("Music")};  // a folder is no file to copy
-    ASSERT_TRUE(send(1, upload));
-    EXPECT_EQ(RESULT_MISSING_FILE, result<CopyFileRes>(1));
+    EXPECT_EQ(RESULT_MISSING_FILE, result<CopyFileRes>(1, upload));
 }
 
 TEST_F(MediaTest, PlaybackFindsTheRendererInEitherPositionAndReportsWrongStates) {
@@ -617,18 +615,15 @@ TEST_F(MediaTest, PlaybackFindsTheRendererInEitherPositionAndReportsWrongStates)
     play.renderer = server;
     play.items = {item("notes.txt"), item("Music/track.mp3")};
     play.nOption1 = 1;
-    ASSERT_TRUE(send(1, play));
-    EXPECT_EQ(RESULT_OK, result<PlaySelectedFileRes>(1));
+    EXPECT_EQ(RESULT_OK, result<PlaySelectedFileRes>(1, play));
     EXPECT_NE(std::string::npos, host.logs.back().find("\"track.mp3\"")) << host.logs.back();
     play.nOption1 = 2;
-    ASSERT_TRUE(send(1, play));
-    EXPECT_EQ(RESULT_BAD_REQUEST, result<PlaySelectedFileRes>(1));
+    EXPECT_EQ(RESULT_BAD_REQUEST, result<PlaySelectedFileRes>(1, play));
 
     auto control = [&](int32_t command, const DLNADevice& device) {
         FilePlayCtrlReq request(command);
         request.renderer = device;
-        EXPECT_TRUE(send(1, request));
-        return result<FilePlayCtrlRes>(1);
+        return result<FilePlayCtrlRes>(1, request);
     };
     EXPECT_EQ(RESULT_NOT_PLAYING, control(ACTION_RESUME_PLAYING_FILE, renderer));
     EXPECT_EQ(RESULT_OK, control(ACTION_PAUSE_PLAYING_FILE, renderer));
@@ -642,10 +637,8 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     host.take(1);
     SetShareFolderReq share;
     share.SetFolderPath(media.file("Music").c_str());
-    ASSERT_TRUE(send(2, share));
-    EXPECT_EQ(RESULT_OK, result<SetShareFolderRes>(2));
-    ASSERT_TRUE(send(2, DMSCtrlReq(ACTION_START_DMS)));
-    EXPECT_EQ(RESULT_OK, result<DMSCtrlRes>(2));
+    EXPECT_EQ(RESULT_OK, result<SetShareFolderRes>(2, share));
+    EXPECT_EQ(RESULT_OK, result<DMSCtrlRes>(2, DMSCtrlReq(ACTION_START_DMS)));
     const std::vector<DMDeviceChangeRes> appeared = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
     ASSERT_EQ(1u, appeared.size());
     EXPECT_EQ(DEVICE_APPEARED, appeared[0].nChangeType);
