@@ -232,7 +232,7 @@ TEST(FrameReaderTest, CutsFramesAndRefusesLengthsWithoutAnActionIDOrBeyondTheLim
 // ---------------------------------------------------------------------------------------------
 // Apps
 
-TEST_F(EmulatorTest, OnlyTheRecipientsOwnRecordIsMarkedLocal) {
+TEST_F(EmulatorTest, AppEventsMarkOnlyTheRecipientsOwnRecordLocalAndGoToAppsThatAskedForThem) {
     ASSERT_EQ(1, join(1, "alice", 7));
     service->connect(2);
     RegisterReq bob;
@@ -240,28 +240,25 @@ TEST_F(EmulatorTest, OnlyTheRecipientsOwnRecordIsMarkedLocal) {
     bob.nAppID = 8;
     bob.fAppEvents = true;
     ASSERT_TRUE(send(2, bob));
-    auto record = [](const char* name, int id, int number, int local) {
-        return B().str(name, 260).i32(id).i32(number).str("127.0.0.1", 16).str(Service::kDeviceMac, 18).u8(local).u8(0).v;
+    auto event = [](int32_t change, const char* name, int id, int number, int local) {
+        return B().i32(ACTION_INTER_APP_CHANGE).i32(1).i32(change).str(name, 260).i32(id).i32(number)
+            .str("127.0.0.1", 16).str(Service::kDeviceMac, 18).u8(local).u8(0).v;
     };
-    auto appeared = [&](const char* name, int id, int number, int local) {
-        Bytes event = B().i32(ACTION_INTER_APP_CHANGE).i32(1).i32(APP_APPEARED).v;
-        const Bytes image = record(name, id, number, local);
-        event.insert(event.end(), image.begin(), image.end());
-        return event;
-    };
-    const std::vector<Bytes> toBob = host.take(2);
-    ASSERT_EQ(3u, toBob.size());
-    EXPECT_EQ(B().i32(ACTION_REGISTER).i32(2).i32(0).v, toBob[0]);
-    EXPECT_EQ(appeared("bob", 2, 8, 1), toBob[1]);
-    EXPECT_EQ(appeared("alice", 1, 7, 0), toBob[2]);
-    const std::vector<Bytes> toAlice = host.take(1);
-    ASSERT_EQ(1u, toAlice.size());
-    EXPECT_EQ(appeared("bob", 2, 8, 0), toAlice[0]);
+    EXPECT_EQ((std::vector<Bytes>{B().i32(ACTION_REGISTER).i32(2).i32(0).v, event(APP_APPEARED, "bob", 2, 8, 1),
+                                  event(APP_APPEARED, "alice", 1, 7, 0)}),
+              host.take(2));
+    EXPECT_EQ((std::vector<Bytes>{event(APP_APPEARED, "bob", 2, 8, 0)}), host.take(1));
 
     const std::vector<SearchAppRes> search = (send(1, SearchAppReq()), only<SearchAppRes>(host.take(1), ACTION_SEARCH_APP));
     ASSERT_EQ(2u, search.at(0).apps.size());
     EXPECT_EQ(1, search[0].apps[0].fLocalDevice);
     EXPECT_EQ(0, search[0].apps[1].fLocalDevice);
+
+    join(3, "quiet", 1, false);
+    host.take(1);
+    service->disconnect(2);
+    EXPECT_EQ((std::vector<Bytes>{event(APP_LEFT, "bob", 2, 8, 0)}), host.take(1));
+    EXPECT_TRUE(host.take(3).empty());
 }
 
 TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
@@ -274,19 +271,6 @@ TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
     }
     EXPECT_EQ(1, join(256, "reuses the freed ID"));
     EXPECT_EQ(-1, join(257, "one too many"));
-}
-
-TEST_F(EmulatorTest, ALeavingAppIsAnnouncedAsRemovedToAppsThatAskedForEvents) {
-    join(1, "alice");
-    join(2, "quiet", 1, false);
-    join(3, "bob");
-    host.take(1);
-    service->disconnect(3);
-    const std::vector<InterAppChangeRes> left = only<InterAppChangeRes>(host.take(1), ACTION_INTER_APP_CHANGE);
-    ASSERT_EQ(1u, left.size());
-    EXPECT_EQ(APP_LEFT, left[0].nChangeType);
-    EXPECT_STREQ("bob", left[0].app.szAppName);
-    EXPECT_TRUE(host.take(2).empty());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -373,7 +357,8 @@ TEST_F(EmulatorTest, LargePayloadPiecesAndBroadcastsAreRelayedAsTheirKinds) {
     BroadcastReq broadcast;
     broadcast.app.SetIPv4("0.0.0.0");
     broadcast.data.Set("all", 3);
-    EXPECT_EQ(RESULT_OK, result<BroadcastRes>(3, broadcast));
+    ASSERT_TRUE(send(3, broadcast));
+    EXPECT_EQ((std::vector<Bytes>{B().i32(ACTION_BROADCAST).i32(RESULT_OK).v}), host.take(3));  // no data to itself
     for (ClientId other : {1, 2}) {
         const std::vector<Received> got = receivedData(host.take(other));
         ASSERT_EQ(1u, got.size());
@@ -422,6 +407,7 @@ protected:
 };
 
 TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
+    receiveInto(1, inbox, 34);
     const int32_t task = sendFiles({big, empty});
     ASSERT_GT(task, 0);
     runTasks();
@@ -446,6 +432,13 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
     ASSERT_FALSE(received.empty());
     EXPECT_EQ(FILE_EVENT_LIST_DONE, received.back().nEventType);
     EXPECT_STREQ("bob", received.back().sender.szAppName);
+    std::vector<uint64_t> progress;  // at 33 % and 99 %: steps of at least the receiver's 34 %
+    for (const ReceiveFileRes& event : received) {
+        if (event.nEventType == FILE_EVENT_PROGRESS) {
+            progress.push_back(event.ullCurrentSize);
+        }
+    }
+    EXPECT_EQ((std::vector<uint64_t>{Service::kChunkBytes, 3 * Service::kChunkBytes}), progress);
     EXPECT_EQ(readFile(big), readFile(inbox + "/big.bin"));
     EXPECT_EQ(0, access((inbox + "/empty.txt").c_str(), F_OK));
 
