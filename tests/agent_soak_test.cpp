@@ -333,29 +333,19 @@ protected:
         m_threads.clear();
     }
 
+    // Waits until done() holds, under the mutex; false after kWaitMs.
+    template <class Done>
+    bool await(Done done) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(kWaitMs), done);
+    }
+
     // Every kind of call has succeeded since the agent last came back (or since `since`).
     bool trafficResumedSince(Clock::time_point since) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(kWaitMs), [&] {
-            for (const Op op : {kSendData, kAsynSendData, kSendFile, kSearchApps, kGetAppList}) {
-                if (m_figures[op].lastSuccess <= since) {
-                    return false;
-                }
-            }
-            return true;
+        return await([&] {
+            const Op ops[] = {kSendData, kAsynSendData, kSendFile, kSearchApps, kGetAppList};
+            return std::all_of(std::begin(ops), std::end(ops), [&](Op op) { return m_figures[op].lastSuccess > since; });
         });
-    }
-
-    bool fileTransferUnderWay() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                                  [&] { return m_progressedTasks.count(m_nCurrentTask) != 0; });
-    }
-
-    // Waits until counter (m_nLost or m_nReconnected) exceeds before.
-    bool countPassed(const int& counter, int before, int timeoutMs) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return counter > before; });
     }
 
     // Kills the service with traffic under way and starts it again; the seconds from the kill
@@ -373,17 +363,19 @@ protected:
         service->signal(SIGKILL);
         EXPECT_EQ(128 + SIGKILL, service->wait(kWaitMs));
         removeFiles(dir.file("peer"));  // what the peer received, so that the disk does not fill
-        EXPECT_TRUE(countPassed(m_nLost, lost, kWaitMs)) << "cycle " << cycle << ": no status 3";
+        EXPECT_TRUE(await([&] { return m_nLost > lost; })) << "cycle " << cycle << ": no status 3";
         if (cycle % kLateRestartEvery == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kLateRestartMs));
         }
         startService();
-        EXPECT_TRUE(countPassed(m_nReconnected, reconnected, kWaitMs)) << "cycle " << cycle << ": no status 4";
+        EXPECT_TRUE(await([&] { return m_nReconnected > reconnected; })) << "cycle " << cycle << ": no status 4";
         return secondsSince(killed);
     }
 
+    // The figures of the run, and the resident size at the start of every tenth of the cycles: a
+    // leak climbs steadily, the allocators' and sanitizers' caches level off.
     void printFigures(int cycleCount, const std::vector<double>& atOnce, const std::vector<double>& late,
-                      const Resources& before, const Resources& after) {
+                      const Resources& before, const Resources& after, const std::vector<long>& rssByCycle) {
         std::lock_guard<std::mutex> guard(m_mutex);
         printf("soak: %d cycles, %zu calls in flight at the kills, %zu send status events\n", cycleCount,
                m_nCallsAtKills, m_nSendStatus.load());
@@ -405,12 +397,6 @@ protected:
         }
         printf("soak: threads %zu -> %zu, fds %zu -> %zu, RSS %ld -> %ld KiB (margin %ld KiB)\n", before.threads,
                after.threads, before.fds, after.fds, before.rssKiB, after.rssKiB, kRssMarginKiB);
-        fflush(stdout);
-    }
-
-    // The resident size at the start of every tenth of the cycles: a leak climbs steadily, the
-    // allocators' and sanitizers' caches level off.
-    static void printTrend(const std::vector<long>& rssByCycle) {
         const size_t step = std::max<size_t>(1, rssByCycle.size() / 10);
         printf("soak: RSS (KiB) by cycle:");
         for (size_t i = 0; i < rssByCycle.size(); i += step) {
@@ -460,7 +446,7 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
         if (cycle == warmUp + 1) {
             before = settledResources(Resources(), 1000);
         }
-        ASSERT_TRUE(fileTransferUnderWay()) << "cycle " << cycle;
+        ASSERT_TRUE(await([&] { return m_progressedTasks.count(m_nCurrentTask) != 0; })) << "cycle " << cycle;
         // Kills land at different points of the traffic and of the transfer.
         std::this_thread::sleep_for(std::chrono::milliseconds(kMinRegisteredMs + cycle * 379 % 1000));
         const double seconds = killAndRestart(cycle);
@@ -474,8 +460,7 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
     }
     const Resources after = settledResources(before, 10000);
     stopTraffic();
-    printFigures(cycleCount, atOnce, late, before, after);
-    printTrend(rssByCycle);
+    printFigures(cycleCount, atOnce, late, before, after, rssByCycle);
 
     EXPECT_LE(after.threads, before.threads);
     EXPECT_LE(after.fds, before.fds);

@@ -129,8 +129,14 @@ protected:
         SetReceiveOptionReq option;
         option.SetDirectory(folder.c_str());
         option.percent = percent;
-        ASSERT_TRUE(send(client, option));
-        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(client));
+        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(client, option));
+    }
+
+    // Sends request and returns the result of its reply.
+    template <class Res>
+    int32_t result(ClientId client, const ReqResBase& request) {
+        EXPECT_TRUE(send(client, request));
+        return result<Res>(client);
     }
 
     // The result of the reply among what was sent to client since the last take.
@@ -194,8 +200,7 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
 
 TEST_F(EmulatorTest, RequestsBeforeRegistrationAreRefusedAndOtherIDsEndTheConnection) {
     service->connect(1);
-    ASSERT_TRUE(send(1, SearchAppReq()));
-    EXPECT_EQ(RESULT_NOT_REGISTERED, result<SearchAppRes>(1));
+    EXPECT_EQ(RESULT_NOT_REGISTERED, result<SearchAppRes>(1, SearchAppReq()));
     // Events, the link's own 46, and IDs the protocol does not have are no requests.
     for (int32_t id : {ACTION_RECEIVE_DATA, ACTION_SERVER_DISCONNECTED, 99}) {
         const Bytes body = B().i32(id).i32(0).v;
@@ -227,7 +232,7 @@ TEST(FrameReaderTest, CutsFramesAndRefusesLengthsWithoutAnActionIDOrBeyondTheLim
 // ---------------------------------------------------------------------------------------------
 // Apps
 
-TEST_F(EmulatorTest, OnlyTheRecipientsOwnRecordIsMarkedLocal) {
+TEST_F(EmulatorTest, AppEventsMarkOnlyTheRecipientsOwnRecordLocalAndGoToAppsThatAskedForThem) {
     ASSERT_EQ(1, join(1, "alice", 7));
     service->connect(2);
     RegisterReq bob;
@@ -235,28 +240,25 @@ TEST_F(EmulatorTest, OnlyTheRecipientsOwnRecordIsMarkedLocal) {
     bob.nAppID = 8;
     bob.fAppEvents = true;
     ASSERT_TRUE(send(2, bob));
-    auto record = [](const char* name, int id, int number, int local) {
-        return B().str(name, 260).i32(id).i32(number).str("127.0.0.1", 16).str(Service::kDeviceMac, 18).u8(local).u8(0).v;
+    auto event = [](int32_t change, const char* name, int id, int number, int local) {
+        return B().i32(ACTION_INTER_APP_CHANGE).i32(1).i32(change).str(name, 260).i32(id).i32(number)
+            .str("127.0.0.1", 16).str(Service::kDeviceMac, 18).u8(local).u8(0).v;
     };
-    auto appeared = [&](const char* name, int id, int number, int local) {
-        Bytes event = B().i32(ACTION_INTER_APP_CHANGE).i32(1).i32(APP_APPEARED).v;
-        const Bytes image = record(name, id, number, local);
-        event.insert(event.end(), image.begin(), image.end());
-        return event;
-    };
-    const std::vector<Bytes> toBob = host.take(2);
-    ASSERT_EQ(3u, toBob.size());
-    EXPECT_EQ(B().i32(ACTION_REGISTER).i32(2).i32(0).v, toBob[0]);
-    EXPECT_EQ(appeared("bob", 2, 8, 1), toBob[1]);
-    EXPECT_EQ(appeared("alice", 1, 7, 0), toBob[2]);
-    const std::vector<Bytes> toAlice = host.take(1);
-    ASSERT_EQ(1u, toAlice.size());
-    EXPECT_EQ(appeared("bob", 2, 8, 0), toAlice[0]);
+    EXPECT_EQ((std::vector<Bytes>{B().i32(ACTION_REGISTER).i32(2).i32(0).v, event(APP_APPEARED, "bob", 2, 8, 1),
+                                  event(APP_APPEARED, "alice", 1, 7, 0)}),
+              host.take(2));
+    EXPECT_EQ((std::vector<Bytes>{event(APP_APPEARED, "bob", 2, 8, 0)}), host.take(1));
 
     const std::vector<SearchAppRes> search = (send(1, SearchAppReq()), only<SearchAppRes>(host.take(1), ACTION_SEARCH_APP));
     ASSERT_EQ(2u, search.at(0).apps.size());
     EXPECT_EQ(1, search[0].apps[0].fLocalDevice);
     EXPECT_EQ(0, search[0].apps[1].fLocalDevice);
+
+    join(3, "quiet", 1, false);
+    host.take(1);
+    service->disconnect(2);
+    EXPECT_EQ((std::vector<Bytes>{event(APP_LEFT, "bob", 2, 8, 0)}), host.take(1));
+    EXPECT_TRUE(host.take(3).empty());
 }
 
 TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
@@ -269,19 +271,6 @@ TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
     }
     EXPECT_EQ(1, join(256, "reuses the freed ID"));
     EXPECT_EQ(-1, join(257, "one too many"));
-}
-
-TEST_F(EmulatorTest, ALeavingAppIsAnnouncedAsRemovedToAppsThatAskedForEvents) {
-    join(1, "alice");
-    join(2, "quiet", 1, false);
-    join(3, "bob");
-    host.take(1);
-    service->disconnect(3);
-    const std::vector<InterAppChangeRes> left = only<InterAppChangeRes>(host.take(1), ACTION_INTER_APP_CHANGE);
-    ASSERT_EQ(1u, left.size());
-    EXPECT_EQ(APP_LEFT, left[0].nChangeType);
-    EXPECT_STREQ("bob", left[0].app.szAppName);
-    EXPECT_TRUE(host.take(2).empty());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -304,12 +293,10 @@ TEST_F(EmulatorTest, DataReachesItsTargetWithTheSendersRecordAndUnknownTargetsAr
     EXPECT_EQ(2, data.sender.nAppID);
 
     request.app = addressOf(9);
-    ASSERT_TRUE(send(2, request));
-    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2));
+    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
     request.app = addressOf(1);
     request.app.SetIPv4("10.0.0.1");  // app 1 lives on this device only
-    ASSERT_TRUE(send(2, request));
-    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2));
+    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
     EXPECT_TRUE(host.take(1).empty());
 }
 
@@ -358,8 +345,7 @@ TEST_F(EmulatorTest, LargePayloadPiecesAndBroadcastsAreRelayedAsTheirKinds) {
         piece.app = addressOf(1);
         const Bytes payload = B().i32(77).i32(sequence).str("part", 4).v;
         piece.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
-        ASSERT_TRUE(send(3, piece));
-        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3));
+        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3, piece));
     }
     const std::vector<Received> pieces = receivedData(host.take(1));
     ASSERT_EQ(3u, pieces.size());
@@ -372,7 +358,7 @@ TEST_F(EmulatorTest, LargePayloadPiecesAndBroadcastsAreRelayedAsTheirKinds) {
     broadcast.app.SetIPv4("0.0.0.0");
     broadcast.data.Set("all", 3);
     ASSERT_TRUE(send(3, broadcast));
-    EXPECT_EQ(RESULT_OK, result<BroadcastRes>(3));
+    EXPECT_EQ((std::vector<Bytes>{B().i32(ACTION_BROADCAST).i32(RESULT_OK).v}), host.take(3));  // no data to itself
     for (ClientId other : {1, 2}) {
         const std::vector<Received> got = receivedData(host.take(other));
         ASSERT_EQ(1u, got.size());
@@ -412,8 +398,7 @@ protected:
     int32_t control(ClientId client, int32_t command, int32_t taskID) {
         FileTransferCtrlReq request(command);
         request.nTaskID = taskID;
-        EXPECT_TRUE(send(client, request));
-        return result<FileTransferCtrlRes>(client);
+        return result<FileTransferCtrlRes>(client, request);
     }
 
     std::string inbox = files.file("inbox");
@@ -422,6 +407,7 @@ protected:
 };
 
 TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
+    receiveInto(1, inbox, 34);
     const int32_t task = sendFiles({big, empty});
     ASSERT_GT(task, 0);
     runTasks();
@@ -446,6 +432,13 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
     ASSERT_FALSE(received.empty());
     EXPECT_EQ(FILE_EVENT_LIST_DONE, received.back().nEventType);
     EXPECT_STREQ("bob", received.back().sender.szAppName);
+    std::vector<uint64_t> progress;  // at 33 % and 99 %: steps of at least the receiver's 34 %
+    for (const ReceiveFileRes& event : received) {
+        if (event.nEventType == FILE_EVENT_PROGRESS) {
+            progress.push_back(event.ullCurrentSize);
+        }
+    }
+    EXPECT_EQ((std::vector<uint64_t>{Service::kChunkBytes, 3 * Service::kChunkBytes}), progress);
     EXPECT_EQ(readFile(big), readFile(inbox + "/big.bin"));
     EXPECT_EQ(0, access((inbox + "/empty.txt").c_str(), F_OK));
 
@@ -461,8 +454,7 @@ TEST_F(FileSendTest, RefusalsNameTheirCause) {
     EXPECT_EQ(-RESULT_NO_RECEIVE_FOLDER, sendFiles({big}, 2));
     SetReceiveOptionReq option;
     option.SetDirectory(files.file("absent").c_str());
-    ASSERT_TRUE(send(2, option));
-    EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2));
+    EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
     EXPECT_EQ(0u, service->taskCount());
 }
 
@@ -607,8 +599,7 @@ TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
     EXPECT_EQ("notes", readFile(media.file("Music/notes.txt")));
 
     upload.items = {item("Music")};  // a folder is no file to copy
-    ASSERT_TRUE(send(1, upload));
-    EXPECT_EQ(RESULT_MISSING_FILE, result<CopyFileRes>(1));
+    EXPECT_EQ(RESULT_MISSING_FILE, result<CopyFileRes>(1, upload));
 }
 
 TEST_F(MediaTest, PlaybackFindsTheRendererInEitherPositionAndReportsWrongStates) {
@@ -617,18 +608,15 @@ TEST_F(MediaTest, PlaybackFindsTheRendererInEitherPositionAndReportsWrongStates)
     play.renderer = server;
     play.items = {item("notes.txt"), item("Music/track.mp3")};
     play.nOption1 = 1;
-    ASSERT_TRUE(send(1, play));
-    EXPECT_EQ(RESULT_OK, result<PlaySelectedFileRes>(1));
+    EXPECT_EQ(RESULT_OK, result<PlaySelectedFileRes>(1, play));
     EXPECT_NE(std::string::npos, host.logs.back().find("\"track.mp3\"")) << host.logs.back();
     play.nOption1 = 2;
-    ASSERT_TRUE(send(1, play));
-    EXPECT_EQ(RESULT_BAD_REQUEST, result<PlaySelectedFileRes>(1));
+    EXPECT_EQ(RESULT_BAD_REQUEST, result<PlaySelectedFileRes>(1, play));
 
     auto control = [&](int32_t command, const DLNADevice& device) {
         FilePlayCtrlReq request(command);
         request.renderer = device;
-        EXPECT_TRUE(send(1, request));
-        return result<FilePlayCtrlRes>(1);
+        return result<FilePlayCtrlRes>(1, request);
     };
     EXPECT_EQ(RESULT_NOT_PLAYING, control(ACTION_RESUME_PLAYING_FILE, renderer));
     EXPECT_EQ(RESULT_OK, control(ACTION_PAUSE_PLAYING_FILE, renderer));
@@ -642,10 +630,8 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     host.take(1);
     SetShareFolderReq share;
     share.SetFolderPath(media.file("Music").c_str());
-    ASSERT_TRUE(send(2, share));
-    EXPECT_EQ(RESULT_OK, result<SetShareFolderRes>(2));
-    ASSERT_TRUE(send(2, DMSCtrlReq(ACTION_START_DMS)));
-    EXPECT_EQ(RESULT_OK, result<DMSCtrlRes>(2));
+    EXPECT_EQ(RESULT_OK, result<SetShareFolderRes>(2, share));
+    EXPECT_EQ(RESULT_OK, result<DMSCtrlRes>(2, DMSCtrlReq(ACTION_START_DMS)));
     const std::vector<DMDeviceChangeRes> appeared = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
     ASSERT_EQ(1u, appeared.size());
     EXPECT_EQ(DEVICE_APPEARED, appeared[0].nChangeType);

@@ -12,34 +12,35 @@ char* tag(long n) {
     return reinterpret_cast<char*>(n);
 }
 
+// Pushes the tags from..to-1 under one hold of the queue's mutex.
+void pushRange(Queue<char*>& queue, long from, long to) {
+    Queue<char*>::Locked held(queue);
+    for (long i = from; i < to; ++i) {
+        ASSERT_TRUE(queue.push_unlock(tag(i)));
+    }
+}
+
+// Pops the tags from..to-1, in that order.
+void popRange(Queue<char*>& queue, long from, long to) {
+    char* out = nullptr;
+    for (long i = from; i < to; ++i) {
+        ASSERT_TRUE(queue.pop(&out));
+        ASSERT_EQ(tag(i), out);
+    }
+}
+
 }  // namespace
 
 TEST(QueueTest, GrowsWhenFullKeepingFifoOrderAcrossTheWrap) {
     Queue<char*> queue(64);
-    char* out = nullptr;
     // Move head away from slot 0 so that the full ring wraps before it grows.
-    for (long i = 1; i <= 10; ++i) {
-        queue.lock();
-        ASSERT_TRUE(queue.push_unlock(tag(i)));
-        queue.unlock();
-    }
-    for (long i = 1; i <= 10; ++i) {
-        ASSERT_TRUE(queue.pop(&out));
-        ASSERT_EQ(tag(i), out);
-    }
+    pushRange(queue, 1, 11);
+    popRange(queue, 1, 11);
     pelktest::LogCapture log;
-    queue.lock();
-    for (long i = 100; i < 165; ++i) {  // 65 elements into 64 slots
-        ASSERT_TRUE(queue.push_unlock(tag(i)));
-    }
-    EXPECT_EQ(128u, queue.capacity());
-    queue.unlock();
+    pushRange(queue, 100, 165);  // 65 elements into 64 slots
     EXPECT_EQ(1u, log.count("Queue::Assign(128)"));
     EXPECT_EQ(65u, queue.size());
-    for (long i = 100; i < 165; ++i) {
-        ASSERT_TRUE(queue.pop(&out));
-        ASSERT_EQ(tag(i), out);
-    }
+    popRange(queue, 100, 165);
     EXPECT_TRUE(queue.empty());
 }
 
@@ -50,12 +51,9 @@ TEST(QueueTest, PopOnEmptyOrIntoNullTakesNothing) {
     EXPECT_FALSE(queue.pop(&out));
     EXPECT_EQ(tag(7), out);
 
-    queue.lock();
-    queue.push_unlock(tag(1));
-    queue.unlock();
+    pushRange(queue, 1, 2);
     EXPECT_FALSE(queue.pop(nullptr));
     EXPECT_EQ(1u, log.count("elem == NULL!"));
     EXPECT_EQ(1u, queue.size());
-    EXPECT_TRUE(queue.pop(&out));
-    EXPECT_EQ(tag(1), out);
+    popRange(queue, 1, 2);
 }
