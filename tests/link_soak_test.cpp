@@ -157,6 +157,17 @@ void runFault(int fault, FakeService& service, TransferClient& client, Seen& see
             EXPECT_TRUE(seen.waitFor(&Seen::m_events, 1));
             break;
         }
+        case 7: {  // a service that stops reading: a send cut by its time-out gives the link up
+            service.stallReading(true);
+            Bytes huge = pelktest::B().i32(45).zeros(16 << 20);
+            char* none = nullptr;
+            EXPECT_EQ(1105, client.serviceCall(reinterpret_cast<char*>(huge.data()), static_cast<int>(huge.size()),
+                                               none, nullptr, 5));
+            EXPECT_TRUE(seen.waitFor(&Seen::m_losses, 1));
+            EXPECT_EQ(1107, call(client, 44, 5));
+            service.stallReading(false);
+            break;
+        }
         default: {  // ordinary traffic: calls with events in between
             for (int i = 0; i < 50; ++i) {
                 service.push(body(45, {i}));
@@ -188,7 +199,7 @@ TEST(LinkSoak, EveryFaultOverAndOverLeavesNothingBehind) {
             ASSERT_TRUE(client->startTransfer()) << "round " << rounds;
             ASSERT_TRUE(service.waitForConnections(accepted + 1));  // else it may write to the old one
             client->setActionCallBack(Seen::onAction, &seen);
-            runFault(rounds % 8, service, *client, seen);
+            runFault(rounds % 9, service, *client, seen);
             client->stopTransfer();
             if (rounds % 5 == 4) {
                 client.reset(new TransferClient);  // destruction right after a fault, too
