@@ -484,6 +484,8 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
 
     GetLocalNetworkDeviceRes network;
     strcpy(network.device.szHostName, "phone");
+    strcpy(network.device.szIPv4, "10.0.0.7");
+    strcpy(network.device.szGateway, "10.0.0.1");
     network.device.networkCards.resize(2);
     network.nResult = 0;
     service->answer(ACTION_GET_LOCAL_NETWORK_DEVICE, Encode(network));
@@ -491,6 +493,8 @@ TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
     described.networkCards.resize(1);
     ASSERT_EQ(0, agent->getLocalNetworkInfo(&described));
     EXPECT_STREQ("phone", described.szHostName);
+    EXPECT_STREQ("10.0.0.7", described.szIPv4);
+    EXPECT_STREQ("10.0.0.1", described.szGateway);
     EXPECT_EQ(3u, described.networkCards.size());
 
     SearchAppRes appsFound;
