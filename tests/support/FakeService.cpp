@@ -196,18 +196,10 @@ std::vector<Bytes> FakeService::received(int32_t actionID) const {
     return matching;
 }
 
-size_t FakeService::countReceived(int32_t actionID) const {
-    size_t count = 0;
-    for (const Bytes& request : m_received) {
-        count += actionIdOf(request) == actionID ? 1 : 0;
-    }
-    return count;
-}
-
 bool FakeService::waitForRequests(int32_t actionID, size_t count, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return countReceived(actionID) >= count; });
+                              [&] { return m_receivedCounts[actionID] >= count; });
 }
 
 int FakeService::connections() const {
@@ -330,38 +322,37 @@ bool FakeService::readFromClient() {
     if (got <= 0) {
         return false;
     }
-    std::vector<Bytes> frames;
+    // Frames are recorded, and waiters woken, once per read: a backlog of small frames costs one pass.
+    std::vector<std::pair<Bytes, Handler>> frames;
     {
         std::lock_guard<std::mutex> guard(m_mutex);
         m_inbox.insert(m_inbox.end(), chunk, chunk + got);
-        size_t used = 0;  // taken off once, so that a read of many small frames costs one move
+        size_t used = 0;
         while (m_inbox.size() - used >= 4) {
             const uint32_t length = readLittleEndian32(m_inbox.data() + used);
             if (m_inbox.size() - used < 4 + static_cast<size_t>(length)) {
                 break;
             }
-            frames.emplace_back(m_inbox.begin() + used + 4, m_inbox.begin() + used + 4 + length);
+            Bytes frameBody(m_inbox.begin() + used + 4, m_inbox.begin() + used + 4 + length);
             used += 4 + length;
+            const int32_t actionID = actionIdOf(frameBody);
+            ++m_receivedCounts[actionID];
+            auto found = m_handlers.find(actionID);
+            frames.emplace_back(frameBody, found != m_handlers.end() ? found->second : Handler());
+            m_received.push_back(std::move(frameBody));
         }
         m_inbox.erase(m_inbox.begin(), m_inbox.begin() + used);
+        if (!frames.empty()) {
+            m_changed.notify_all();
+        }
     }
-    for (const Bytes& frameBody : frames) {
-        handleFrame(frameBody);
+    for (const auto& [frameBody, handler] : frames) {
+        handleFrame(frameBody, handler);
     }
     return true;
 }
 
-void FakeService::handleFrame(const Bytes& frameBody) {
-    Handler handler;
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        m_received.push_back(frameBody);
-        m_changed.notify_all();
-        auto found = m_handlers.find(actionIdOf(frameBody));
-        if (found != m_handlers.end()) {
-            handler = found->second;
-        }
-    }
+void FakeService::handleFrame(const Bytes& frameBody, Handler handler) {
     if (!handler) {
         return;
     }

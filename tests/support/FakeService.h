@@ -136,11 +136,10 @@ private:
         Bytes bytes;
     };
 
-    size_t countReceived(int32_t actionID) const;  // REQUIRES: m_mutex held
     void serve();
     void acceptClient();
     bool readFromClient();
-    void handleFrame(const Bytes& frameBody);
+    void handleFrame(const Bytes& frameBody, Handler handler);
     void flushDue();
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
@@ -155,6 +154,7 @@ private:
     int m_connections = 0;
     Bytes m_inbox;  // bytes read from the client and not yet framed
     std::vector<Bytes> m_received;
+    std::map<int32_t, size_t> m_receivedCounts;  // by action ID, so that a wait over a backlog stays cheap
     std::map<int32_t, Handler> m_handlers;
     std::vector<Pending> m_pending;
     mutable std::mutex m_mutex;
