@@ -4,13 +4,15 @@
 # and downloads a track. Exits 0 only when pelk apps lists her under her name, what arrived is
 # byte-identical under its own name, and the VM, run with -Xcheck:jni, printed no JNI warning.
 # Binds 127.0.0.1:20014 (run it in tools/isolated.sh beside other users).
-#   examples/java/run-demo.sh [BUILD_DIR]     the build of BUILD_DIR (default build/)
+#   examples/java/run-demo.sh [BUILD_DIR [CLASSPATH]]
+# runs the app of BUILD_DIR (default build/), or the one on CLASSPATH (a shrunk jar, say) with the
+# library of BUILD_DIR.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 build="$(cd "${1:-build}" && pwd)"
 emulator="$build/emulator/pelk-emulator"
 pelk="$build/cli/pelk"
-classpath="$build/PELKAgent.jar:$build/examples/pelk_java_demo.jar"
+classpath="${2:-$build/PELKAgent.jar:$build/examples/pelk_java_demo.jar}"
 java="${JAVA:-java}"
 demo_name="java-demo"
 # Names outside the Basic Multilingual Plane, to cross the Java boundary both ways.
