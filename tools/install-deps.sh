@@ -14,6 +14,8 @@ command -v clang++ >/dev/null 2>&1 || need+=(clang)
 # libFuzzer's runtime, for tools/fuzz.sh.
 compgen -G '/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a' >/dev/null || need+=(libclang-rt-dev)
 command -v javac >/dev/null 2>&1 || need+=(openjdk-17-jdk-headless)
+# Shrinks the Java demo as an app's release build would (the java_demo_minified test).
+command -v proguard >/dev/null 2>&1 || need+=(proguard)
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
 if [ "${1:-}" = "--arm64" ]; then
