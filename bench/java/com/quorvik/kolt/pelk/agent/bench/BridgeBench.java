@@ -65,7 +65,7 @@ public final class BridgeBench {
         try (Socket pushed = new Socket(InetAddress.getLoopbackAddress(), PORT);
              Socket raw = new Socket(InetAddress.getLoopbackAddress(), PORT)) {
             Connection plain = service.accepted.take();
-            service.accepted.take();
+            service.accepted.take();  // the round trips' end, which only its reader answers
             byte[] event = frame(receiveData(payload));
             byte[] request = frame(sendDataRequest(payload));
             // The plain ends know what comes and read it whole, with one call where the socket allows.
@@ -102,7 +102,8 @@ public final class BridgeBench {
             for (int i = 0; i < cases.length; i += 2) {
                 cases[i].print();
                 cases[i + 1].print();
-                System.out.printf("%-22s %8.2fx %8.2fx%n", "  ratio", cases[i].percentile(50) / cases[i + 1].percentile(50),
+                System.out.printf("%-22s %8.2fx %8.2fx%n", "  ratio",
+                                  cases[i].percentile(50) / cases[i + 1].percentile(50),
                                   cases[i].percentile(99) / cases[i + 1].percentile(99));
             }
             System.out.printf("the listener ran on %d Thread object(s) over %d events%n", listener.threads(),
