@@ -7,10 +7,10 @@
 // conversions of TextConversion.h). This header holds what they share.
 //
 // Threads: the native methods run on the Java threads that call them. The callbacks run on the
-// agent's threads (the link's action callback thread, the reconnection thread); each attaches its
-// thread to the VM for one event and detaches after it. An event dropped because its listener has
-// no such method, or because its Java object could not be made, leaves the thread attached (the
-// library has always done so); such a thread is detached when it ends.
+// agent's threads (the link's action callback thread, the reconnection thread); each such thread
+// is attached to the VM, as a daemon, on its first event and stays attached until it ends, so a
+// listener sees one Thread for every event of a connection. Each event works in a local frame of
+// its own, so that nothing piles up in a thread that stays attached.
 //
 // Ownership: the bridge owns global references to the listeners that the native methods were
 // given and to four classes cached at load. All of them are read and replaced under g_refMutex,
@@ -92,10 +92,10 @@ extern jobject g_receiveCallbackObject;
 extern jclass g_copyFileCallbackClass;
 extern jobject g_copyFileCallbackObject;
 
-// Holds the VM for a thread that an event left attached, so that the thread is detached when it
-// ends (a thread ending attached would keep the VM from shutting down).
-extern pthread_key_t g_leftAttachedKey;
-extern std::atomic<bool> g_leftAttachedKeyMade;
+// Holds the VM for each thread that the callbacks attached, so that the thread is detached when
+// it ends. Made at load; deleted at unload, since its destructor is in this library.
+extern pthread_key_t g_attachedThreadKey;
+extern std::atomic<bool> g_attachedThreadKeyMade;
 
 // ---------------------------------------------------------------------------------------------
 // JNI helpers.

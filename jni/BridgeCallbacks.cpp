@@ -40,10 +40,8 @@ jobject g_receiveCallbackObject = nullptr;
 jclass g_copyFileCallbackClass = nullptr;
 jobject g_copyFileCallbackObject = nullptr;
 
-// Holds the VM for a thread that an event left attached, so that the thread is detached when it
-// ends (a thread ending attached would keep the VM from shutting down).
-pthread_key_t g_leftAttachedKey;
-std::atomic<bool> g_leftAttachedKeyMade{false};
+pthread_key_t g_attachedThreadKey;
+std::atomic<bool> g_attachedThreadKeyMade{false};
 
 namespace {
 
@@ -227,53 +225,55 @@ void detachAtThreadEnd(void* vm) { static_cast<JavaVM*>(vm)->DetachCurrentThread
 
 namespace {
 
-// The environment of the agent thread that delivers one event. A thread that this bridge
-// attached (now, or for an earlier event that was dropped) is detached when the event has been
-// delivered; a Java thread that calls in is left as it is.
+// Room for the local references of one event: the listener, its class, the arguments and what
+// the converters make on the way.
+constexpr jint kEventLocalRefs = 16;
+
+// The environment of the agent thread that delivers one event, with a local frame for the event.
+// An agent thread is attached on its first event and stays attached, as a daemon so that it never
+// holds the VM's shutdown up, until it ends (the thread key detaches it then); attaching makes a
+// new java.lang.Thread, which costs more than delivering the event. Only when the key could not
+// be made is the thread detached after each event. A Java thread that calls in is left as it is.
 class EventThread {
 public:
     EventThread() {
-        m_vm = g_jvm.load();
-        if (m_vm == nullptr) {
-            return;
-        }
+        JavaVM* vm = g_jvm.load();
         JNIEnv* env = nullptr;
-        const jint state = m_vm->GetEnv(reinterpret_cast<void**>(&env), kJniVersion);
+        const jint state = vm == nullptr ? JNI_ERR : vm->GetEnv(reinterpret_cast<void**>(&env), kJniVersion);
         if (state == JNI_EDETACHED) {
-            m_attachedHere = m_vm->AttachCurrentThread(EnvOut{&env}, nullptr) == JNI_OK;
-            m_env = m_attachedHere ? env : nullptr;
+            if (vm->AttachCurrentThreadAsDaemon(EnvOut{&env}, nullptr) != JNI_OK) {
+                return;
+            }
+            const bool keyed =
+                g_attachedThreadKeyMade.load() && pthread_setspecific(g_attachedThreadKey, vm) == 0;
+            m_detachAfterEvent = keyed ? nullptr : vm;
+        } else if (state != JNI_OK) {
             return;
         }
-        m_env = state == JNI_OK ? env : nullptr;
-        m_attachedHere =
-            m_env != nullptr && g_leftAttachedKeyMade.load() && pthread_getspecific(g_leftAttachedKey) != nullptr;
+        m_env = env;
+        // Without a frame the event's references are still deleted one by one.
+        m_framePushed = env->PushLocalFrame(kEventLocalRefs) == JNI_OK;
+        if (!m_framePushed) {
+            clearException(env);
+        }
+    }
+    ~EventThread() {
+        if (m_framePushed) {
+            m_env->PopLocalFrame(nullptr);
+        }
+        if (m_detachAfterEvent != nullptr) {
+            m_detachAfterEvent->DetachCurrentThread();
+        }
     }
     EventThread(const EventThread&) = delete;
     EventThread& operator=(const EventThread&) = delete;
 
     JNIEnv* env() const { return m_env; }
 
-    void delivered() {
-        if (!m_attachedHere) {
-            return;
-        }
-        if (g_leftAttachedKeyMade.load()) {
-            pthread_setspecific(g_leftAttachedKey, nullptr);
-        }
-        m_vm->DetachCurrentThread();
-    }
-
-    // The event was dropped: the thread stays attached, until a later event or its end.
-    void dropped() {
-        if (m_attachedHere && g_leftAttachedKeyMade.load()) {
-            pthread_setspecific(g_leftAttachedKey, m_vm);
-        }
-    }
-
 private:
-    JavaVM* m_vm = nullptr;
     JNIEnv* m_env = nullptr;
-    bool m_attachedHere = false;
+    bool m_framePushed = false;
+    JavaVM* m_detachAfterEvent = nullptr;
 };
 
 // Steps of a delivery that OnFileSend reports; the others report none.
@@ -319,15 +319,8 @@ template <class Make, class Trace = NoTrace>
 bool deliver(jclass const& globalClass, jobject const& globalObject, const char* method, const char* signature,
              Make make, const char* function, Trace trace = Trace()) {
     EventThread thread;
-    if (thread.env() == nullptr) {
-        return false;
-    }
-    if (!callListener(thread.env(), globalClass, globalObject, method, signature, make, trace, function)) {
-        thread.dropped();
-        return false;
-    }
-    thread.delivered();
-    return true;
+    return thread.env() != nullptr &&
+           callListener(thread.env(), globalClass, globalObject, method, signature, make, trace, function);
 }
 
 // An argument list of one object, made by makeEvent; logs failTag when it cannot be made.
@@ -471,7 +464,6 @@ void OnFileSend(file_transfer_event event, void* context) {
     if (context != nullptr && context != kSendFileListContext) {
         EventThread thread;
         LOG_WARN("methodID == NULL");
-        thread.dropped();
         return;
     }
     const bool list = context == kSendFileListContext;
@@ -499,11 +491,8 @@ void OnFileCopy(file_transfer_event event, void*) {
             __func__);
 }
 
-// Playback notifications reach no listener; the thread is attached and detached once.
-void OnFileSelectedPlaying(void*) {
-    EventThread thread;
-    thread.delivered();
-}
+// Playback notifications reach no listener; the thread is attached as for any event.
+void OnFileSelectedPlaying(void*) { EventThread thread; }
 
 }  // namespace Bridge
 }  // namespace PELK

@@ -243,8 +243,8 @@ extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void*) {
     createInteractionApp(env);
     // Device change events need the device class too, and agent threads cannot look it up.
     createDLNADevice(env);
-    if (!g_leftAttachedKeyMade.load() && pthread_key_create(&g_leftAttachedKey, detachAtThreadEnd) == 0) {
-        g_leftAttachedKeyMade.store(true);
+    if (!g_attachedThreadKeyMade.load() && pthread_key_create(&g_attachedThreadKey, detachAtThreadEnd) == 0) {
+        g_attachedThreadKeyMade.store(true);
     }
     LOG_INFO("JNI_OnLoad: Successful!");
     return kJniVersion;
@@ -253,6 +253,11 @@ extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* vm, void*) {
 // The app-list, device and copy listeners are left to the VM's own teardown, as they always were.
 extern "C" JNIEXPORT void JNICALL JNI_OnUnload(JavaVM* vm, void*) {
     LOG_INFO("JNI_OnUnload: JNI_OnUnload");
+    // A thread ending after the library is gone must not run a destructor of it. Threads still
+    // attached then stay so until the VM ends.
+    if (g_attachedThreadKeyMade.exchange(false)) {
+        pthread_key_delete(g_attachedThreadKey);
+    }
     JNIEnv* env = nullptr;
     if (vm == nullptr || vm->GetEnv(reinterpret_cast<void**>(&env), kJniVersion) != JNI_OK) {
         return;

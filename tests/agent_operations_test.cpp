@@ -212,14 +212,17 @@ TEST_F(ReceiveTest, ALargePayloadIsDeliveredOnceJoinedInArrivalOrder) {
     EXPECT_EQ(1, request[266]);
     ASSERT_TRUE(service->push(hugePiece(5, 0, "abc")));
     ASSERT_TRUE(service->push(hugePiece(6, 0, "never")));  // one piece: no end mark, never delivered
-    ASSERT_TRUE(service->push(hugePiece(5, 7, "def")));
-    ASSERT_TRUE(service->push(hugePiece(5, 1, "gh")));
+    ASSERT_TRUE(service->push(hugePiece(5, 7, "de")));
+    ASSERT_TRUE(service->push(hugePiece(5, 2, "f")));  // fits the room left
+    // Longer than the payload so far twice over: the buffer grows to fit it whole.
+    const std::string whole(ActionAgent::kBlockContentSize, 'g');
+    ASSERT_TRUE(service->push(hugePiece(5, 1, whole)));
     ASSERT_TRUE(service->push(hugePiece(5, ActionAgent::kLastSequence, "!")));
     ASSERT_TRUE(callbacks.waitFor("receive-data", 1));
     EXPECT_FALSE(callbacks.waitFor("receive-data", 2, 300));
     const CallbackRecord delivered = callbacks.of("receive-data")[0];
     EXPECT_EQ(ActionAgent::kHugeDataType, delivered.status);
-    EXPECT_EQ("abcdefgh!", std::string(delivered.data.begin(), delivered.data.end()));
+    EXPECT_EQ("abcdef" + whole + "!", std::string(delivered.data.begin(), delivered.data.end()));
     EXPECT_STREQ("10.0.0.30", delivered.app.szIPv4);
     EXPECT_EQ(&user, delivered.user);
 }

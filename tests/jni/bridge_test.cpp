@@ -321,7 +321,7 @@ protected:
         expectNoException();
         return reached == JNI_TRUE;
     }
-    // Waits until the VM knows this many threads (a delivering thread detaches after its call).
+    // Waits until the VM knows this many threads (an attached thread is detached as it ends).
     bool awaitLiveThreads(int n) {
         return pelktest::waitUntil([&] { return probeInt("liveThreads") == n; }, 5000, 10);
     }
@@ -707,20 +707,26 @@ TEST_F(BridgeTest, NullArgumentsGiveTheirCodesAndNeverAJniError) {
                 service.received(36).empty());
 }
 
-TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndItsThreadStaysAttachedUntilTheNext) {
+// The link's callback thread is attached on its first event, dropped or not, and stays attached
+// (as a daemon, so that it never holds the VM's shutdown up) until the link's threads end.
+TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndTheLinksThreadStaysAttachedUntilItEnds) {
     jobject apps = recorder();
     registerApp(apps, nullptr);
     const int threads = probeInt("liveThreads");
+    const int daemons = probeInt("daemonThreads");
     EXPECT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false),
                                        make("java/lang/Object", "()V")}),
               0);
     service.push(B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)));
     EXPECT_TRUE(pelktest::waitUntil([] { return logged('W', "OnDataSend", "methodID == NULL"); }, 5000, 10));
-    EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "the dispatching thread stays attached";
+    EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "the dispatching thread is attached";
+    EXPECT_EQ(probeInt("daemonThreads"), daemons + 1);
 
     service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "", false)));
     EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,,false} 1");
-    EXPECT_TRUE(awaitLiveThreads(threads)) << "a delivered event detaches it";
+    EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "a delivered event leaves it attached";
+    EXPECT_EQ(callInt("unRegisterApp", {}), 0);
+    EXPECT_TRUE(awaitLiveThreads(threads)) << "the ending thread is detached";
 }
 
 TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) {
@@ -752,14 +758,18 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) 
     const int threads = probeInt("liveThreads");
     round(1);
     ASSERT_TRUE(awaitCount(r, kinds, 5000));
-    ASSERT_TRUE(awaitLiveThreads(threads));
+    ASSERT_EQ(probeInt("liveThreads"), threads + 1) << "the link's callback thread, attached";
     probeInt("globalRefs");
     const int refs = probeInt("globalRefs");
 
+    // A local reference left behind by any event would pile up in the attached thread, and the
+    // VM (checking JNI) reports a thread's local references beyond its capacity.
     round(10000);
     EXPECT_TRUE(awaitCount(r, kinds * 10001, 300000)) << count(r) << " calls";
-    EXPECT_TRUE(awaitLiveThreads(threads)) << "every delivering thread detached";
+    EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "one attached thread for every event";
     EXPECT_EQ(probeInt("globalRefs"), refs);
+    EXPECT_EQ(callInt("unRegisterApp", {}), 0);
+    EXPECT_TRUE(awaitLiveThreads(threads)) << "detached when the link's threads end";
 }
 
 TEST_F(BridgeTest, UnloadReleasesTheSendAndReceiveListenersAndTheCachedClasses) {

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -37,7 +38,8 @@ const int kHugeDataHeader = 8;  // list ID and sequence number ahead of a piece'
 
 // What unfinished large payloads may hold, so that payloads whose end never comes cannot grow
 // memory without bound: a payload is dropped when it outgrows its cap, and the oldest unfinished
-// payloads go when their sender starts one too many or when all of them hold too much.
+// payloads go when their sender starts one too many or when all of them hold too much (their
+// buffers counted whole, room included).
 const size_t kMaxPayloadsPerSender = 8;
 const int kMaxPayloadBytes = 64 * 1024 * 1024;
 const int64_t kMaxHeldBytes = 128 * 1024 * 1024;
@@ -227,7 +229,7 @@ ActionAgent::~ActionAgent() {
     OSAbstractLayer::osal_destroy_cond(&m_reconnectWake);
     Common::ZTLogger::destroyDefaultLogger();
     for (auto& entry : m_dataBlockMap) {
-        releaseDataBlockList(entry.second.pFirst);
+        free(entry.second.pData);
     }
 }
 
@@ -583,25 +585,17 @@ void ActionAgent::onHugeDataPiece(const InteractionApp& sender, const char* data
     if (found && info.nTotalLength > kMaxPayloadBytes - contentLength) {
         ZT_LOG(Common::ZT_LOG_WARNING, "Dropped a large payload from %s: above %d bytes", sender.szIPv4,
                kMaxPayloadBytes);
-        releaseDataBlockList(info.pFirst);
         removeBlockListInfo(key);
+        free(info.pData);
         return;
     }
-    DataBlock* block = createDataBlock(content, contentLength, listID, sequence);
-    if (block != nullptr) {
-        // Pieces are joined in arrival order; the sequence number only marks the last one.
-        if (!found) {
-            info.nTotalLength = contentLength;
-            info.pFirst = block;
-            info.pLast = block;
-            addBlockListInfo(key, info);
-        } else {
-            info.nTotalLength += contentLength;
-            if (info.pLast != nullptr) {
-                info.pLast->pNext = block;
-            }
-            info.pLast = block;
+    // Pieces are joined in arrival order; the sequence number only marks the last one. A piece
+    // that finds no memory is dropped.
+    if (appendBlockData(info, content, contentLength)) {
+        if (found) {
             updateBlockListInfo(key, info);
+        } else {
+            addBlockListInfo(key, info);
         }
     }
     if (sequence != kLastSequence) {
@@ -615,12 +609,10 @@ void ActionAgent::onHugeDataPiece(const InteractionApp& sender, const char* data
         user = m_receiveOption.pReceiveDataUser;
     }
     if (callBack != nullptr) {
-        char* joined = compositeBlockData(info);
-        callBack(kHugeDataType, joined, info.nTotalLength, user, &sender);
-        delete[] joined;
+        callBack(kHugeDataType, info.pData, info.nTotalLength, user, &sender);
     }
-    releaseDataBlockList(info.pFirst);
     removeBlockListInfo(key);
+    free(info.pData);
 }
 
 void ActionAgent::onDeviceChange(const char* body, uint32_t length) {
@@ -1060,28 +1052,36 @@ void ActionAgent::releaseDataBlockList(DataBlock* first) {
     }
 }
 
-char* ActionAgent::compositeBlockData(const DataBlockListInfo& info) {
-    if (info.nTotalLength <= 0 || info.pFirst == nullptr || info.pLast == nullptr) {
-        return nullptr;
+bool ActionAgent::appendBlockData(DataBlockListInfo& info, const char* data, int len) {
+    if (len < 0 || (len > 0 && data == nullptr) || info.nTotalLength > INT32_MAX - len) {
+        return false;
     }
-    char* joined = new (std::nothrow) char[info.nTotalLength];
-    if (joined == nullptr) {
-        return nullptr;
+    const int needed = info.nTotalLength + len;
+    if (needed > info.nCapacity) {
+        // Doubling keeps the copies of a payload to about one of its size, however many pieces
+        // it comes in, and realloc often spares even that (it may extend or move the pages); a
+        // payload's cap bounds the doubling.
+        const int doubled = info.nCapacity < kMaxPayloadBytes / 2 ? 2 * info.nCapacity : kMaxPayloadBytes;
+        const int capacity = needed > doubled ? needed : doubled;
+        char* grown = static_cast<char*>(realloc(info.pData, static_cast<size_t>(capacity)));
+        if (grown == nullptr) {
+            return false;
+        }
+        info.pData = grown;
+        info.nCapacity = capacity;
     }
-    int offset = 0;
-    for (const DataBlock* block = info.pFirst; block != nullptr && offset < info.nTotalLength; block = block->pNext) {
-        const int length = block->nLength < info.nTotalLength - offset ? block->nLength : info.nTotalLength - offset;
-        memcpy(joined + offset, block->pData, static_cast<size_t>(length));
-        offset += length;
+    if (len > 0) {
+        memcpy(info.pData + info.nTotalLength, data, static_cast<size_t>(len));
     }
-    return joined;
+    info.nTotalLength = needed;
+    return true;
 }
 
 void ActionAgent::addBlockListInfo(uint64_t key, const DataBlockListInfo& info) {
     MutexGuard guard(&m_dataBlockMutex);
     m_dataBlockMap[key] = info;
     m_payloadOrder.push_back(key);
-    m_nHeldBytes += info.nTotalLength;
+    m_nHeldBytes += info.nCapacity;
     limitHeldPayloads(key);
 }
 
@@ -1099,7 +1099,7 @@ void ActionAgent::updateBlockListInfo(uint64_t key, const DataBlockListInfo& inf
     MutexGuard guard(&m_dataBlockMutex);
     const auto found = m_dataBlockMap.find(key);
     if (found != m_dataBlockMap.end()) {
-        m_nHeldBytes += info.nTotalLength - found->second.nTotalLength;
+        m_nHeldBytes += info.nCapacity - found->second.nCapacity;
         found->second = info;
         limitHeldPayloads(key);
     }
@@ -1109,7 +1109,7 @@ void ActionAgent::removeBlockListInfo(uint64_t key) {
     MutexGuard guard(&m_dataBlockMutex);
     const auto found = m_dataBlockMap.find(key);
     if (found != m_dataBlockMap.end()) {
-        m_nHeldBytes -= found->second.nTotalLength;
+        m_nHeldBytes -= found->second.nCapacity;
         m_dataBlockMap.erase(found);
         m_payloadOrder.remove(key);
     }
@@ -1133,8 +1133,8 @@ void ActionAgent::limitHeldPayloads(uint64_t key) {
         if (entry != m_dataBlockMap.end()) {
             ZT_LOG(Common::ZT_LOG_WARNING, "Dropped an unfinished large payload of %d bytes",
                    entry->second.nTotalLength);
-            m_nHeldBytes -= entry->second.nTotalLength;
-            releaseDataBlockList(entry->second.pFirst);
+            m_nHeldBytes -= entry->second.nCapacity;
+            free(entry->second.pData);
             m_dataBlockMap.erase(entry);
         }
         fromSender -= sameSender ? 1 : 0;

@@ -90,11 +90,12 @@ struct DataBlock {
     DataBlock* pNext = nullptr;
 };
 
-// A payload being put together from its pieces, in arrival order.
+// A payload being put together from its pieces, in arrival order, in one buffer (malloc, grown
+// by realloc) that grows as they come.
 struct DataBlockListInfo {
-    int nTotalLength = 0;
-    DataBlock* pFirst = nullptr;
-    DataBlock* pLast = nullptr;
+    int nTotalLength = 0;  // content so far
+    char* pData = nullptr;
+    int nCapacity = 0;     // what pData holds, the content and room for more
 };
 
 class PELK_EXPORT ActionAgent {
@@ -162,8 +163,8 @@ public:
     static DataBlock* createDataBlock(const char* data, int len, unsigned long listId, unsigned long sequence);
     static DataBlock* createDataBlockList(const char* data, int len);
     static void releaseDataBlockList(DataBlock* first);
-    // A new array (delete[]) of the joined contents; null when there is nothing to join.
-    static char* compositeBlockData(const DataBlockListInfo& info);
+    // Appends a piece's content; false, with info unchanged, when memory runs out.
+    static bool appendBlockData(DataBlockListInfo& info, const char* data, int len);
     void addBlockListInfo(uint64_t key, const DataBlockListInfo& info);
     bool findBlockListInfo(uint64_t key, DataBlockListInfo& info);
     void updateBlockListInfo(uint64_t key, const DataBlockListInfo& info);

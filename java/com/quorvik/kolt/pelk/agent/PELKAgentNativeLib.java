@@ -7,8 +7,10 @@ package com.quorvik.kolt.pelk.agent;
  *
  * <p>Results are 0 for success and a code otherwise, unless a method says more. Listeners are
  * called on the library's own thread, one event at a time; a listener that blocks delays all later
- * events. The listener parameters accept any object that has the method named by the listener
- * interface of this package (for example {@link InterAppChangeListener}).
+ * events. That thread is attached to the VM once, as a daemon thread, so the events of one
+ * connection come on one {@link Thread} object (the notice of a reconnection, change type 4, on a
+ * thread of its own). The listener parameters accept any object that has the method named by the
+ * listener interface of this package (for example {@link InterAppChangeListener}).
  */
 public final class PELKAgentNativeLib {
     static {

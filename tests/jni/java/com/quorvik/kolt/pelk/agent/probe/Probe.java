@@ -104,4 +104,8 @@ public final class Probe {
     public static int liveThreads() {
         return ManagementFactory.getThreadMXBean().getThreadCount();
     }
+
+    public static int daemonThreads() {
+        return ManagementFactory.getThreadMXBean().getDaemonThreadCount();
+    }
 }
