@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -302,6 +303,10 @@ void FakeService::acceptClient() {
         return;
     }
     dropClient(false);  // a client that reconnects has given its old connection up
+    // An event that follows a reply must not hold the next reply back until the client's
+    // delayed acknowledgement.
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     std::lock_guard<std::mutex> guard(m_mutex);
     m_clientFd = fd;
     ++m_connections;
