@@ -17,10 +17,13 @@ extern "C" const char* __asan_default_options() { return "malloc_context_size=4"
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libjvm.so\nleak:libjli.so\nleak:libjava.so\nleak:libzip.so\nleak:libz.so\n";
 }
+// The VM's calls are ignored, and with them its joins: what a Java thread did in the library is
+// not seen to be over when the agent is destroyed at exit, after the VM has joined the thread.
 extern "C" const char* __tsan_default_suppressions() {
     return "called_from_lib:libjvm.so\ncalled_from_lib:libjava.so\ncalled_from_lib:libjimage.so\n"
            "called_from_lib:libzip.so\ncalled_from_lib:libnio.so\ncalled_from_lib:libnet.so\n"
-           "called_from_lib:libmanagement.so\ncalled_from_lib:libmanagement_ext.so\n";
+           "called_from_lib:libmanagement.so\ncalled_from_lib:libmanagement_ext.so\n"
+           "race:PELK::Agent::ActionAgent::~ActionAgent\n";
 }
 
 namespace {
@@ -63,8 +66,11 @@ std::string vmOutput() {
     return g_vmOutput;
 }
 
+int Vm::logLevel = 3;
+
 Vm::Vm() : logFile(dir.file("zt.log")) {
-    propertyFile = dir.write("log.properties", "loggerMode=2\nloggerLevel=3\nloggerFile=" + logFile + "\n");
+    propertyFile = dir.write("log.properties", "loggerMode=2\nloggerLevel=" + std::to_string(logLevel) +
+                                                   "\nloggerFile=" + logFile + "\n");
     g_propertyFile.store(propertyFile.c_str());
     std::string classPath = "-Djava.class.path=" PELK_AGENT_JAR ":" PELK_PROBE_JAR;
     std::string libraryPath = "-Djava.library.path=" PELK_AGENT_LIBRARY_DIR;

@@ -25,6 +25,8 @@ struct Vm {
 
     // The process's VM, started on the first call by the calling thread.
     static Vm& get();
+    // The level up to which the library logs (3, everything, unless set before the VM starts).
+    static int logLevel;
 
 private:
     Vm();

@@ -181,6 +181,11 @@ bool FakeService::waitForClientClose(int timeoutMs) {
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_clientFd < 0; });
 }
 
+void FakeService::keepBodies(bool keep) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_keepBodies = keep;
+}
+
 std::vector<Bytes> FakeService::received() const {
     std::lock_guard<std::mutex> guard(m_mutex);
     return m_received;
@@ -344,7 +349,9 @@ bool FakeService::readFromClient() {
             ++m_receivedCounts[actionID];
             auto found = m_handlers.find(actionID);
             frames.emplace_back(frameBody, found != m_handlers.end() ? found->second : Handler());
-            m_received.push_back(std::move(frameBody));
+            if (m_keepBodies) {
+                m_received.push_back(std::move(frameBody));
+            }
         }
         m_inbox.erase(m_inbox.begin(), m_inbox.begin() + used);
         if (!frames.empty()) {
