@@ -286,8 +286,17 @@ struct NoTrace {
 template <class Make, class Trace>
 bool callListener(JNIEnv* env, jclass const& globalClass, jobject const& globalObject, const char* method,
                   const char* signature, Make make, Trace trace, const char* function) {
-    LocalRef<jclass> cls(env, localCopy(env, globalClass));
-    LocalRef<jobject> listener(env, localCopy(env, globalObject));
+    // Class and listener are taken in one step: a listener replaced in between (a new copy
+    // listener, a new registration) would be paired with the class of the one before.
+    jclass heldClass = nullptr;
+    jobject heldObject = nullptr;
+    {
+        MutexGuard guard(&g_refMutex);
+        heldClass = globalClass == nullptr ? nullptr : static_cast<jclass>(env->NewLocalRef(globalClass));
+        heldObject = globalObject == nullptr ? nullptr : env->NewLocalRef(globalObject);
+    }
+    LocalRef<jclass> cls(env, heldClass);
+    LocalRef<jobject> listener(env, heldObject);
     trace("before GetMethodID");
     const jmethodID mid = cls && listener && env->IsInstanceOf(listener.get(), cls.get())
                               ? env->GetMethodID(cls.get(), method, signature)

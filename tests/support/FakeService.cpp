@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -180,6 +181,11 @@ bool FakeService::waitForClientClose(int timeoutMs) {
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_clientFd < 0; });
 }
 
+void FakeService::keepBodies(bool keep) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_keepBodies = keep;
+}
+
 std::vector<Bytes> FakeService::received() const {
     std::lock_guard<std::mutex> guard(m_mutex);
     return m_received;
@@ -302,6 +308,10 @@ void FakeService::acceptClient() {
         return;
     }
     dropClient(false);  // a client that reconnects has given its old connection up
+    // An event that follows a reply must not hold the next reply back until the client's
+    // delayed acknowledgement.
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     std::lock_guard<std::mutex> guard(m_mutex);
     m_clientFd = fd;
     ++m_connections;
@@ -339,7 +349,9 @@ bool FakeService::readFromClient() {
             ++m_receivedCounts[actionID];
             auto found = m_handlers.find(actionID);
             frames.emplace_back(frameBody, found != m_handlers.end() ? found->second : Handler());
-            m_received.push_back(std::move(frameBody));
+            if (m_keepBodies) {
+                m_received.push_back(std::move(frameBody));
+            }
         }
         m_inbox.erase(m_inbox.begin(), m_inbox.begin() + used);
         if (!frames.empty()) {

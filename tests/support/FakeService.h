@@ -123,6 +123,8 @@ public:
     // Waits until the client has closed the current connection (or none is open).
     bool waitForClientClose(int timeoutMs = 5000);
     // Bodies of the frames received so far, oldest first; or only those with this action ID.
+    // Without keeping (a long run that only counts) no body is kept, so memory stays flat.
+    void keepBodies(bool keep);
     std::vector<Bytes> received() const;
     std::vector<Bytes> received(int32_t actionID) const;
     // Waits until at least `count` requests with this action ID have been received in all.
@@ -154,6 +156,7 @@ private:
     int m_connections = 0;
     Bytes m_inbox;  // bytes read from the client and not yet framed
     std::vector<Bytes> m_received;
+    bool m_keepBodies = true;
     std::map<int32_t, size_t> m_receivedCounts;  // by action ID, so that a wait over a backlog stays cheap
     std::map<int32_t, Handler> m_handlers;
     std::vector<Pending> m_pending;

@@ -154,6 +154,15 @@ bool decodeEvent(Msg& msg, const char* body, uint32_t length) {
     return decoded;
 }
 
+// Holds the registration mutex for one registerApp or unregisterApp. A callback of the link takes
+// it only when it is free: its holder may be waiting for that very callback to return.
+MutexGuard registrationGuard(pthread_mutex_t* mutex, const TransferClient* link) {
+    if (link != nullptr && link->insideCallBack()) {
+        return MutexGuard(mutex, MutexGuard::TryOnly{});
+    }
+    return MutexGuard(mutex);
+}
+
 }  // namespace
 
 struct ActionAgent::EventRoute {
@@ -200,7 +209,7 @@ ActionAgent::ActionAgent()
     }
     for (pthread_mutex_t* mutex : {&m_receiveOptionMutex, &m_sendFileCallBackMutex, &m_udpCallBackMutex,
                                    &m_tcpCallBackMutex, &m_fileCopyCallBackMutex, &m_reconnectMutex,
-                                   &m_dataBlockMutex, &m_ownAppMutex}) {
+                                   &m_registrationMutex, &m_dataBlockMutex, &m_ownAppMutex}) {
         OSAbstractLayer::osal_init_mutex(mutex);
     }
     OSAbstractLayer::osal_init_cond(&m_reconnectWake);
@@ -223,7 +232,7 @@ ActionAgent::~ActionAgent() {
     waitForReconnection();
     for (pthread_mutex_t* mutex : {&m_receiveOptionMutex, &m_sendFileCallBackMutex, &m_udpCallBackMutex,
                                    &m_tcpCallBackMutex, &m_fileCopyCallBackMutex, &m_reconnectMutex,
-                                   &m_dataBlockMutex, &m_ownAppMutex}) {
+                                   &m_registrationMutex, &m_dataBlockMutex, &m_ownAppMutex}) {
         OSAbstractLayer::osal_destroy_mutex(mutex);
     }
     OSAbstractLayer::osal_destroy_cond(&m_reconnectWake);
@@ -255,6 +264,10 @@ int ActionAgent::registerApp(const char* name, int appID, void* user, InterAppCh
 int ActionAgent::registerApp(const char* name, int appID, void* user, InterAppChangeCallback appCb,
                              DLNADeviceChangeCallback dlnaCb, bool autoReconnect, bool /*reserved*/) {
     ZT_LOG(Common::ZT_LOG_DEBUG, "on registerApp, m_nAppID=%d", m_nAppID.load());
+    const MutexGuard registration = registrationGuard(&m_registrationMutex, m_pTransferClient);
+    if (!registration.owns()) {
+        return LinkResult::kLockFailed;
+    }
     if (m_nAppID > 0) {
         return RegisterResult::kAlreadyRegistered;
     }
@@ -318,6 +331,10 @@ int ActionAgent::registerApp(const char* name, int appID, void* user, InterAppCh
 
 int ActionAgent::unregisterApp() {
     ZT_LOG(Common::ZT_LOG_DEBUG, "on unregisterApp, m_nAppID=%d", m_nAppID.load());
+    const MutexGuard registration = registrationGuard(&m_registrationMutex, m_pTransferClient);
+    if (!registration.owns()) {
+        return LinkResult::kLockFailed;
+    }
     if (m_nAppID < 1) {
         return UnregisterResult::kNotRegistered;
     }

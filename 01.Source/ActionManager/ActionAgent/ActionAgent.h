@@ -5,14 +5,19 @@
 // Threads: app threads call the operations (one request is in flight at a time, serialised by
 // the link). The link's action callback thread runs onActionReceived() and therefore every app
 // callback, one event at a time in arrival order; the reconnection thread runs after a loss and
-// calls the app callback once more (status 4) when it is back. The seven table mutexes are never
-// held two at a time and are taken after the link's locks are released; the logger's is innermost.
+// calls the app callback once more (status 4) when it is back. registerApp() and unregisterApp()
+// run one at a time, under the registration mutex, the outermost lock of the agent (after the
+// reconnection mutex): each starts or stops the link, which must not happen in the middle of the
+// other. The seven table mutexes are never held two at a time and are taken after the link's
+// locks are released; the logger's is innermost.
 //
 // Calls from inside a callback: every operation may be called from inside any callback the agent
 // makes. Requests wait for their reply as on any thread. unregisterApp() stops the link without
-// waiting for the thread that runs the callback; registerApp() then starts a new link. A TCP send
-// status callback runs with the TCP callback table held; asynSendData() with a status callback
-// from inside it files its entry in that same table without taking the lock again.
+// waiting for the thread that runs the callback; registerApp() then starts a new link. There
+// neither waits for another registration or unregistration, which may be waiting for the
+// callback: while one runs they return 1103 at once. A TCP send status callback runs with the TCP
+// callback table held; asynSendData() with a status callback from inside it files its entry in
+// that same table without taking the lock again.
 // The destructor is for process exit and must not run from a callback.
 //
 // Ownership: the agent owns its TransferClient, its AgentAppList and every table entry; user
@@ -114,7 +119,8 @@ public:
     // Connects to the service and registers under name (at most 259 characters) and appID.
     // user comes back as the last argument of the app, device and copy callbacks. Returns 0,
     // 1200 already registered, 1201, 1202 null name, 1203 empty, 1204 too long, 1206 no service,
-    // a link code, or the service's result.
+    // a link code (1103 from a callback while another registration or unregistration runs), or
+    // the service's result.
     int registerApp(const char* name, int appID, void* user, InterAppChangeCallback appCb,
                     DLNADeviceChangeCallback dlnaCb);
     int registerApp(const char* name, int appID, void* user, InterAppChangeCallback appCb,
@@ -309,6 +315,7 @@ private:
     pthread_mutex_t m_tcpCallBackMutex;
     pthread_mutex_t m_fileCopyCallBackMutex;
     pthread_mutex_t m_reconnectMutex;
+    pthread_mutex_t m_registrationMutex;
     pthread_mutex_t m_dataBlockMutex;
     AgentAppList* m_pInteractionAppList;
 

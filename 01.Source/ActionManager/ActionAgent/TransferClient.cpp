@@ -167,6 +167,7 @@ struct LinkRun {
     std::atomic<bool> m_fActive;      // frames are handed out: until a stop or the receiver's end
     std::atomic<bool> m_fStopped;     // stopped on purpose, not lost
     std::atomic<bool> m_fLost;        // the connection failed: calls fail with 1107 from now on
+    std::atomic<bool> m_fConnected;   // the connection is made: calls keep off the socket until then
     std::atomic<int> m_nReading;      // calls in flight, each reading its own reply
     std::atomic<bool> m_fCallBackWatching;  // the idle callback thread reads the socket itself
     std::atomic<int64_t> m_nLastCallMs;
@@ -194,6 +195,7 @@ LinkRun::LinkRun(SocketClient* owner, long sock)
       m_fActive(true),
       m_fStopped(false),
       m_fLost(false),
+      m_fConnected(false),
       m_nReading(0),
       m_fCallBackWatching(false),
       m_nLastCallMs(0),
@@ -466,6 +468,7 @@ bool SocketClient::connectToServer() {
     }
     // A caller blocked reading its reply looks at its time-out and the link this often.
     OSAbstractLayer::osal_set_receive_timeout(run->m_nSock, kResponsePollCapMs);
+    run->m_fConnected = true;
     ZT_LOG(Common::ZT_LOG_INFO, "Socket Client is connectted to server.");
     return true;
 }
@@ -879,7 +882,9 @@ int TransferClient::serviceCall(char* buf, int len, char*& resp, int* resplen, i
         ZT_LOG(Common::ZT_LOG_WARNING, "cannot lock service!");
         return kServiceLockFailed;
     }
-    if (run.get() != nullptr && run->m_fLost) {
+    // A run still connecting belongs to a registration under way: an older call (one that found
+    // the app registered before) keeps off its socket while connect() runs on it.
+    if (run.get() != nullptr && (run->m_fLost || !run->m_fConnected)) {
         ZT_LOG(Common::ZT_LOG_WARNING, "server disconnected!");
         return kServiceDisconnected;
     }

@@ -182,6 +182,8 @@ public:
     bool unlockService();
 
     bool isTransferStarted() const { return m_fTransferStarted.load(); }
+    // True on the thread that is running a callback of this client.
+    bool insideCallBack() const;
 
 protected:
     bool receiveFrames(LinkRun* run) override;
@@ -196,8 +198,6 @@ private:
     // Hands the run's next frame to the callback, if there is one and a callback to take it.
     Delivery deliverNext(LinkRun* run);
     void deliverEnd(LinkRun* run);
-    // True on the thread that is running a callback of this client.
-    bool insideCallBack() const;
     bool currentRunLost();
 
     // The steps of serviceCall. REQUIRES for the last two: the socket mutex is held.

@@ -1,0 +1,269 @@
+// An app's threads all at once, in a real VM under -Xcheck:jni: 16 Java threads (Stress.java), and
+// the listeners that hear them, call every native method for a minute (PELK_STRESS_SECONDS),
+// registering and unregistering and replacing listeners as they go, while the fake service
+// answers every request and pushes the events that it brings about, of every kind. The VM must print nothing, every call must return
+// a code that its method documents, every event must reach Java whole, and after the last
+// unregistration the VM's global references and threads must be back where they were.
+#include <gtest/gtest.h>
+#include <jni.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <iostream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ActionManager/ResultCodes.h"
+#include "jni/BridgeHost.h"
+
+using namespace pelktest;
+using namespace PELK;
+
+namespace {
+
+constexpr int kThreads = 16;
+constexpr int kFileTask = 101;
+constexpr int kFileListTask = 102;
+constexpr int kDownloadTask = 103;
+constexpr int kUploadTask = 104;
+
+const Bytes kPeer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
+const Bytes kServer = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
+const Bytes kItem = fileRecord("1", "a");
+
+// The service's answer to each request the app makes.
+Bytes answerTo(int32_t action) {
+    switch (action) {
+        case 1: return body(1, {kAppID, 0});
+        case 13: return body(13, {kFileTask, 0});
+        case 51: return body(51, {kFileListTask, 0});
+        case 40: return body(40, {kDownloadTask, 0});
+        case 39: return body(39, {kUploadTask, 0});
+        case 44: return B().i32(44).i32(1).add(kPeer).i32(0);
+        case 22: case 23: return B().i32(action).i32(1).add(kServer).i32(0);
+        case 24: case 25: case 26: return B().i32(action).i32(1).add(kItem).i32(0);
+        case 47: return B().i32(47).i32(0).add(kItem);
+        default: return body(action, {0, 0});
+    }
+}
+
+// Every kind of event, brought about by a request as a real service would: a refresh brings an
+// app, a rescan a device, a receive option data and a file, a send its status or progress, a
+// copy its progress; and how the Java listener hears it.
+const struct Flow {
+    int32_t request;
+    Bytes event;
+    std::string heard;
+} kFlows[] = {
+    {49, B().i32(45).i32(0).i32(1).add(kPeer), "onInterAppChange app{peer,12,2,10.0.0.2,aa:bb:cc:dd:ee:ff,false} 1"},
+    {33, B().i32(32).i32(0).i32(1).add(kServer), "onDLNADeviceChange device{NAS,0,uuid:nas,10.0.0.5,false} 1"},
+    {15, B().i32(20).i32(1).i32(5).add(kPeer).i32(4).str("data", 4),
+     "onReceivingData 5 \"data\" 4 app{peer,12,2,10.0.0.2,aa:bb:cc:dd:ee:ff,false}"},
+    {15, fileEventHead(19, 8, "in").add(sendTag(12)).add(kPeer),
+     "onReceivingFile fileEvent{5000000001,5000000002,5000000003,8,1,3,2,in,10.0.0.2,12}"},
+    {53, B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)), "onSendingData data{0,2,12,10.0.0.2}"},
+    {48, B().i32(52).i32(6).i32(1).str("10.0.0.2", 16).i32(12).add(sendTag(12)), "onSendingData data{6,1,12,10.0.0.2}"},
+    {13, fileEventHead(14, kFileTask, "a").add(kPeer).add(sendTag(12)),
+     "onSendingFile fileEvent{5000000001,5000000002,5000000003,101,1,3,2,a,10.0.0.2,12}"},
+    {51, fileEventHead(14, kFileListTask, "b").add(kPeer).add(sendTag(12)),
+     "onSendingFile fileEvent{5000000001,5000000002,5000000003,102,1,3,2,b,10.0.0.2,12}"},
+    {40, fileEventHead(41, kDownloadTask, "down").add(sendTag(0)).add(kServer),
+     "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,103,1,3,2,down,10.0.0.5,0}"},
+    {39, fileEventHead(41, kUploadTask, "up").add(sendTag(0)).add(kServer),
+     "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,104,1,3,2,up,10.0.0.5,0}"},
+};
+
+// What each native method may return: the codes of its family and of the link, the bridge's own
+// (1001 and -1), and what this service answers (0, the task IDs). File sends return codes
+// negated; the list methods return an array or null.
+constexpr ResultCode kBridgeCodes[] = {CommonResult::kMissingArgument, {-1, "a text or listener could not be taken"}};
+const ResultFamily kLink = familyOf(LinkResult::kAll);
+const ResultFamily kBridge = familyOf(kBridgeCodes);
+const ResultFamily kMedia = familyOf(CommonResult::kAll);
+
+const struct Documented {
+    std::vector<std::string> methods;
+    std::vector<ResultFamily> families;
+    std::vector<int> more;
+    int sign;  // 1 codes as they are, -1 negated, 0 an array or null
+} kDocumented[] = {
+    {{"registerApp"}, {familyOf(RegisterResult::kAll), kLink, kBridge}, {0}, 1},
+    {{"unRegisterApp"}, {familyOf(UnregisterResult::kAll), kLink}, {0}, 1},
+    {{"getAppID"}, {}, {kAppID, -1}, 1},
+    {{"refreshInteractionApp"}, {familyOf(RefreshAppResult::kAll), kLink}, {0}, 1},
+    {{"sendData", "asynSendData"}, {familyOf(SendDataResult::kAll), kLink, kBridge}, {0}, 1},
+    {{"sendUDPData"}, {familyOf(SendUDPDataResult::kAll), kLink, kBridge}, {0}, 1},
+    {{"sendUDPDataAll", "broadcast"}, {familyOf(BroadcastResult::kAll), kLink, kBridge}, {0}, 1},
+    // A file sent alone goes as a list of one, with that list's codes.
+    {{"sendFile"}, {familyOf(SendFileResult::kAll), familyOf(SendFileListResult::kAll), kLink, kBridge}, {kFileTask},
+     -1},
+    {{"sendFileList"}, {familyOf(SendFileListResult::kAll), kLink, kBridge}, {kFileListTask}, -1},
+    {{"pauseSend", "resumeSend", "cancelSend", "cancelReceive"},
+     {familyOf(TransferControlResult::kAll), kLink},
+     {0},
+     1},
+    {{"deleteSendFileCallback"}, {}, {0, 1, LinkResult::kNotRegistered}, 1},
+    {{"setReceiveOption", "setReceiveOptionX"}, {familyOf(SetReceiveOptionResult::kAll), kLink, kBridge}, {0}, 1},
+    {{"getReceiveOption"}, {familyOf(GetReceiveOptionResult::kAll), kBridge}, {0}, 1},
+    {{"startDMS", "stopDMS", "rescanShareFolder", "setMyDMSName", "rescanNetwork", "stopCopyTransfer",
+      "getParentDirectoryInfo", "playSelectedFile", "stopCurPlayingFile", "pauseCurPlayingFile", "resumeCurPlayingFile",
+      "enableContentListCache", "disableContentListCache"},
+     {kMedia, kLink, kBridge},
+     {0},
+     1},
+    {{"downLoad"}, {kMedia, kLink, kBridge}, {kDownloadTask}, 1},
+    {{"upLoad"}, {kMedia, kLink, kBridge}, {kUploadTask}, 1},
+    {{"searchInteractionApp", "getInteractionAppList", "searchDMS", "searchDMR", "getRootFileList", "getFileList",
+      "getParentFileList"},
+     {},
+     {},
+     0},
+};
+
+// The events that the bridge dropped: each leaves a warning that ends in "== NULL" (a listener
+// without the method, a Java object not made).
+std::vector<std::string> droppedEvents() {
+    std::ifstream file(Vm::get().logFile);
+    std::vector<std::string> dropped;
+    for (std::string line; std::getline(file, line);) {
+        if (line.compare(0, 2, "W/") == 0 && line.find("== NULL ") != std::string::npos) {
+            dropped.push_back(line);
+        }
+    }
+    return dropped;
+}
+
+// Every result that a method may give, as the Java side writes it: "<method> <result>".
+std::set<std::string> documentedResults() {
+    std::set<std::string> results;
+    for (const Documented& row : kDocumented) {
+        std::vector<std::string> texts = row.sign == 0 ? std::vector<std::string>{"array", "null"}
+                                                       : std::vector<std::string>{};
+        for (const ResultFamily& family : row.families) {
+            for (size_t i = 0; i < family.count; ++i) {
+                texts.push_back(std::to_string(row.sign * family.codes[i].value));
+            }
+        }
+        for (int value : row.more) {
+            texts.push_back(std::to_string(value));
+        }
+        for (const std::string& method : row.methods) {
+            for (const std::string& text : texts) {
+                results.insert(method + " " + text);
+            }
+        }
+    }
+    return results;
+}
+
+// The run's report, one "<kind> <what> <count>" a line, by kind and what.
+std::map<std::string, std::map<std::string, long>> parse(const std::string& text) {
+    std::map<std::string, std::map<std::string, long>> report;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t what = line.find(' ') + 1;
+        const size_t count = line.rfind(' ') + 1;
+        report[line.substr(0, what - 1)][line.substr(what, count - what - 1)] += std::stol(line.substr(count));
+    }
+    return report;
+}
+
+// Runs Stress.run in the VM (started with the library logging failures only: a minute of
+// everything would fill the disk); empty when it threw.
+std::string runStress(int threads, int seconds) {
+    Vm::logLevel = 1;
+    JNIEnv* env = Vm::get().env;
+    jclass stress = env == nullptr ? nullptr : env->FindClass("com/quorvik/kolt/pelk/agent/probe/Stress");
+    if (stress == nullptr) {
+        return "";
+    }
+    jstring report = static_cast<jstring>(env->CallStaticObjectMethod(
+        stress, env->GetStaticMethodID(stress, "run", "(II)Ljava/lang/String;"), threads, seconds));
+    if (env->ExceptionCheck()) {
+        env->ExceptionDescribe();
+        return "";
+    }
+    const char* chars = env->GetStringUTFChars(report, nullptr);
+    const std::string text(chars);
+    env->ReleaseStringUTFChars(report, chars);
+    return text;
+}
+
+TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEveryKindFlow) {
+    FakeService service;
+    ASSERT_TRUE(service.listening());
+    service.keepBodies(false);
+    for (int32_t action = 1; action <= 53; ++action) {  // every request (the event IDs never come)
+        service.on(action, [action](const Bytes&) {
+            std::vector<FakeService::Reply> replies;
+            if (action != 53) {  // an asynchronous send is answered by its status event alone
+                replies.push_back({answerTo(action)});
+            }
+            for (const Flow& flow : kFlows) {
+                if (flow.request == action) {
+                    replies.push_back({flow.event});
+                }
+            }
+            return replies;
+        });
+    }
+    const char* asked = getenv("PELK_STRESS_SECONDS");
+    const int seconds = asked != nullptr ? atoi(asked) : 60;
+    // A deadlock would hold the run, and the exit after it, for good: a run that has not ended
+    // two minutes after its time ends the process, saying why.
+    std::promise<void> ended;
+    std::thread watchdog([seconds, done = ended.get_future()] {
+        if (done.wait_for(std::chrono::seconds(seconds + 120)) == std::future_status::timeout) {
+            std::fprintf(stderr, "the run has not ended two minutes after its time: a deadlock\n");
+            std::abort();
+        }
+    });
+    const std::string text = runStress(kThreads, seconds);
+    ended.set_value();
+    watchdog.join();
+    ASSERT_NE(text, "") << "the run did not start or threw (described above)";
+    auto report = parse(text);
+
+    const std::set<std::string> documented = documentedResults();
+    std::set<std::string> called;
+    long calls = 0;
+    for (const auto& outcome : report["call"]) {
+        EXPECT_EQ(documented.count(outcome.first), 1u) << "undocumented: " << outcome.first << ", " << outcome.second
+                                                       << " times";
+        called.insert(outcome.first.substr(0, outcome.first.find(' ')));
+        calls += outcome.second;
+    }
+    EXPECT_EQ(called.size(), 41u) << "every native method called";
+    EXPECT_EQ(report["last"], (std::map<std::string, long>{{"registerApp 0", 1}, {"unRegisterApp 0", 1}}))
+        << "once the threads are done, the agent registers and unregisters";
+
+    std::cout << calls << " calls, " << report["call"]["registerApp 0"] << " registrations; events heard:\n";
+    for (const Flow& flow : kFlows) {
+        std::cout << "  " << report["event"][flow.heard] << " " << flow.heard << "\n";
+        EXPECT_GT(report["event"][flow.heard], 0) << "never heard: " << flow.heard;
+        report["event"].erase(flow.heard);
+    }
+    for (const auto& unexpected : report["event"]) {
+        ADD_FAILURE() << "heard " << unexpected.second << " times: " << unexpected.first;
+    }
+    EXPECT_EQ(droppedEvents(), std::vector<std::string>{});
+
+    auto& refs = report["refs"];
+    auto& threads = report["threads"];
+    std::cout << "global references: " << refs["start"] << " at start, " << refs["held"] << " with the listeners held, "
+              << refs["end"] << " at the end; threads: " << threads["start"] << " at start, " << threads["end"]
+              << " at the end\n";
+    EXPECT_EQ(refs["held"] - refs["start"], 14) << "seven listeners, each as its class and itself";
+    EXPECT_EQ(refs["end"], refs["held"]);
+    EXPECT_EQ(threads["end"], threads["start"]);
+    EXPECT_EQ(vmOutput(), "") << "the VM reported the lines above";
+}
+
+}  // namespace

@@ -1,0 +1,220 @@
+package com.quorvik.kolt.pelk.agent.probe;
+
+import com.quorvik.kolt.pelk.agent.*;
+import java.lang.reflect.Proxy;
+import java.util.*;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.ThreadLocalRandom;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.LongAdder;
+
+/**
+ * An app's threads all at once: every native method called from many threads and from the
+ * listeners for a while, registrations coming and going and listeners replaced on the way, with
+ * what each call returned and what each listener heard counted, and the VM's global references
+ * and threads measured.
+ */
+public final class Stress {
+    private Stress() {}
+
+    private interface Call {
+        Object run(Random random);
+    }
+
+    private static final ConcurrentHashMap<String, LongAdder> counts = new ConcurrentHashMap<>();
+
+    private static void count(String what, long n) {
+        counts.computeIfAbsent(what, key -> new LongAdder()).add(n);
+    }
+
+    // Listeners call into the library until the threads are done; the run then waits for the
+    // listeners' calls under way.
+    private static volatile boolean threadsDone = false;
+    private static final AtomicInteger listenersCalling = new AtomicInteger();
+
+    // Listeners of two classes that share nothing but the listener methods (proxies over the
+    // interfaces in two orders), so that a callback pairing one listener's class with another
+    // listener finds no method. Each call is counted as "event", its method and its arguments;
+    // one in four then calls into the library itself, as apps' listeners do.
+    private static Object listener(boolean reversed) {
+        Class<?>[] kinds = {InterAppChangeListener.class, DLNADeviceChangeListener.class, DataSendListener.class,
+                            ReceiveListener.class, FileSendListener.class, FileCopyListener.class};
+        if (reversed) {
+            Collections.reverse(Arrays.asList(kinds));
+        }
+        return Proxy.newProxyInstance(Stress.class.getClassLoader(), kinds, (proxy, method, args) -> {
+            StringBuilder event = new StringBuilder("event ").append(method.getName());
+            for (Object arg : args) {
+                event.append(' ').append(Probe.describe(arg));
+            }
+            count(event.toString(), 1);
+            listenersCalling.incrementAndGet();
+            try {
+                Random r = ThreadLocalRandom.current();
+                if (!threadsDone && r.nextInt(4) == 0) {
+                    call(PICKS.get(r.nextInt(PICKS.size())), r);
+                }
+            } finally {
+                listenersCalling.decrementAndGet();
+            }
+            return null;
+        });
+    }
+
+    private static final Object[] LISTENERS = {listener(false), listener(true), listener(false), listener(true)};
+
+    private static Object any(Random random) {
+        return LISTENERS[random.nextInt(LISTENERS.length)];
+    }
+
+    private static final String PEER = "10.0.0.2";
+    private static final int PEER_APP = 12;
+    private static final DLNADevice SERVER = new DLNADevice("NAS", 0, "uuid:nas", "10.0.0.5", false);
+    private static final DLNADevice RENDERER = new DLNADevice("TV", 1, "uuid:tv", "10.0.0.6", false);
+    private static final FileInfo ITEM = new FileInfo("uuid:nas", "0", "1", "a", "video", "http://10.0.0.5/1");
+    private static final FileInfo[] ITEMS = {ITEM, ITEM};
+
+    private static byte[] bytes() {
+        return new byte[] {'s', 't', 'r', 'e', 's', 's'};
+    }
+
+    // The latest transfer that a send or copy started, for the calls that control one.
+    private static volatile int task = 0;
+
+    private static Object started(int id) {
+        if (id > 0) {
+            task = id;
+        }
+        return id;
+    }
+
+    private static final Map<String, Call> CALLS = new LinkedHashMap<>();
+
+    static {
+        CALLS.put("registerApp",
+                  r -> PELKAgentNativeLib.registerApp("stress", 3, any(r), r.nextInt(4) > 0 ? any(r) : null));
+        CALLS.put("unRegisterApp", r -> PELKAgentNativeLib.unRegisterApp());
+        CALLS.put("getAppID", r -> PELKAgentNativeLib.getAppID());
+        CALLS.put("searchInteractionApp", r -> PELKAgentNativeLib.searchInteractionApp());
+        CALLS.put("getInteractionAppList", r -> PELKAgentNativeLib.getInteractionAppList());
+        CALLS.put("refreshInteractionApp", r -> PELKAgentNativeLib.refreshInteractionApp(r.nextBoolean()));
+        CALLS.put("sendData", r -> PELKAgentNativeLib.sendData(bytes(), 6, PEER, PEER_APP, r.nextBoolean(), 3));
+        CALLS.put("asynSendData", r -> PELKAgentNativeLib.asynSendData(bytes(), 6, PEER, PEER_APP, false, any(r)));
+        CALLS.put("sendUDPData", r -> PELKAgentNativeLib.sendUDPData(bytes(), 6, PEER, PEER_APP, true, any(r)));
+        CALLS.put("sendUDPDataAll", r -> PELKAgentNativeLib.sendUDPDataAll(bytes(), 6, false));
+        CALLS.put("broadcast", r -> PELKAgentNativeLib.broadcast(bytes(), 6, "10.0.0.255", false));
+        // The flag picks the kind of request, and the service gives each kind a task of its own.
+        CALLS.put("sendFile", r -> started(PELKAgentNativeLib.sendFile("/data/a", PEER, any(r), PEER_APP, false, 0)));
+        CALLS.put("sendFileList", r -> started(PELKAgentNativeLib.sendFileList(new String[] {"/data/a", "/data/b"}, PEER,
+                                                                             any(r), PEER_APP, true, 0)));
+        CALLS.put("pauseSend", r -> PELKAgentNativeLib.pauseSend(task));
+        CALLS.put("resumeSend", r -> PELKAgentNativeLib.resumeSend(task));
+        CALLS.put("cancelSend", r -> PELKAgentNativeLib.cancelSend(task));
+        CALLS.put("cancelReceive", r -> PELKAgentNativeLib.cancelReceive(task));
+        CALLS.put("deleteSendFileCallback", r -> PELKAgentNativeLib.deleteSendFileCallback(task));
+        CALLS.put("setReceiveOption", r -> PELKAgentNativeLib.setReceiveOption("/data/in", any(r)));
+        CALLS.put("setReceiveOptionX",
+                  r -> PELKAgentNativeLib.setReceiveOptionX(new ReceiveOption("/data/in", true, 1), any(r)));
+        CALLS.put("getReceiveOption", r -> PELKAgentNativeLib.getReceiveOption(new ReceiveOption()));
+        CALLS.put("startDMS", r -> PELKAgentNativeLib.startDMS());
+        CALLS.put("stopDMS", r -> PELKAgentNativeLib.stopDMS());
+        CALLS.put("rescanShareFolder", r -> PELKAgentNativeLib.rescanShareFolder());
+        CALLS.put("setMyDMSName", r -> PELKAgentNativeLib.setMyDMSName("Den"));
+        CALLS.put("rescanNetwork", r -> PELKAgentNativeLib.rescanNetwork(r.nextInt(3)));
+        CALLS.put("stopCopyTransfer", r -> PELKAgentNativeLib.stopCopyTransfer(task));
+        CALLS.put("searchDMS", r -> PELKAgentNativeLib.searchDMS());
+        CALLS.put("searchDMR", r -> PELKAgentNativeLib.searchDMR());
+        CALLS.put("getRootFileList", r -> PELKAgentNativeLib.getRootFileList(SERVER));
+        CALLS.put("getFileList", r -> PELKAgentNativeLib.getFileList(SERVER, ITEM));
+        CALLS.put("getParentFileList", r -> PELKAgentNativeLib.getParentFileList(SERVER, ITEM));
+        CALLS.put("getParentDirectoryInfo", r -> PELKAgentNativeLib.getParentDirectoryInfo(ITEM, new FileInfo()));
+        CALLS.put("downLoad", r -> started(PELKAgentNativeLib.downLoad(SERVER, ITEMS, any(r))));
+        CALLS.put("upLoad", r -> started(PELKAgentNativeLib.upLoad(SERVER, RENDERER, ITEMS, ITEM, any(r))));
+        CALLS.put("playSelectedFile", r -> PELKAgentNativeLib.playSelectedFile(0, SERVER, ITEMS, RENDERER));
+        CALLS.put("stopCurPlayingFile", r -> PELKAgentNativeLib.stopCurPlayingFile(RENDERER));
+        CALLS.put("pauseCurPlayingFile", r -> PELKAgentNativeLib.pauseCurPlayingFile(RENDERER));
+        CALLS.put("resumeCurPlayingFile", r -> PELKAgentNativeLib.resumeCurPlayingFile(RENDERER));
+        CALLS.put("enableContentListCache", r -> PELKAgentNativeLib.enableContentListCache(SERVER));
+        CALLS.put("disableContentListCache", r -> PELKAgentNativeLib.disableContentListCache(SERVER));
+    }
+
+    // Unregistration is picked more rarely than the rest, so that most calls find the app
+    // registered and events flow, between hundreds of registrations a minute.
+    private static final List<String> PICKS = new ArrayList<>();
+
+    static {
+        for (String method : CALLS.keySet()) {
+            PICKS.addAll(Collections.nCopies(method.equals("unRegisterApp") ? 1 : 8, method));
+        }
+    }
+
+    private static void call(String method, Random random) {
+        Object result = CALLS.get(method).run(random);
+        count("call " + method + " " + (result instanceof Object[] ? "array" : String.valueOf(result)), 1);
+    }
+
+    /**
+     * Calls every method once with every kind of listener (which the bridge then holds), then
+     * from `threads` threads (and the listeners) at random for `seconds`, then registers and
+     * unregisters once more.
+     * Returns lines of "<kind> <what> <count>": "call <method> <result>", "event <method>
+     * <arguments>", "last <method> <result>", and the VM's global references ("refs start",
+     * "refs held", "refs end") and threads ("threads start", "threads end"), the end being after
+     * the last unregistration.
+     */
+    public static String run(int threads, int seconds) throws Exception {
+        PELKAgentNativeLib.getAppID();  // loads the library, whose classes cached at load count as the start
+        Probe.globalRefs();
+        count("refs start", Probe.globalRefs());
+        final int threadsAtStart = Probe.liveThreads();
+        count("threads start", threadsAtStart);
+
+        Random random = new Random(1);
+        PELKAgentNativeLib.registerApp("stress", 3, LISTENERS[0], LISTENERS[1]);
+        for (String method : CALLS.keySet()) {
+            call(method, random);
+        }
+        final int refsHeld = Probe.globalRefs();
+        count("refs held", refsHeld);
+
+        final long end = System.nanoTime() + seconds * 1_000_000_000L;
+        List<Thread> workers = new ArrayList<>();
+        for (int i = 0; i < threads; ++i) {
+            Thread worker = new Thread(() -> {
+                Random r = ThreadLocalRandom.current();
+                while (System.nanoTime() < end) {
+                    call(PICKS.get(r.nextInt(PICKS.size())), r);
+                }
+            });
+            worker.start();
+            workers.add(worker);
+        }
+        for (Thread worker : workers) {
+            worker.join();
+        }
+        threadsDone = true;
+        while (listenersCalling.get() > 0) {
+            Thread.sleep(1);
+        }
+        if (PELKAgentNativeLib.getAppID() > 0) {
+            call("unRegisterApp", random);
+        }
+        count("last registerApp " + PELKAgentNativeLib.registerApp("stress", 3, LISTENERS[0], LISTENERS[1]), 1);
+        count("last unRegisterApp " + PELKAgentNativeLib.unRegisterApp(), 1);
+        // The link's threads end after the unregistration returns, and a global reference counted
+        // at that moment may be on its way out (one in ten runs under ASan, gone a second later):
+        // both are given a while to come back.
+        for (int waited = 0; (Probe.liveThreads() != threadsAtStart || Probe.globalRefs() != refsHeld)
+                             && waited < 10_000; waited += 10) {
+            Thread.sleep(10);
+        }
+        count("threads end", Probe.liveThreads());
+        count("refs end", Probe.globalRefs());
+
+        StringBuilder report = new StringBuilder();
+        for (Map.Entry<String, LongAdder> entry : counts.entrySet()) {
+            report.append(entry.getKey()).append(' ').append(entry.getValue().sum()).append('\n');
+        }
+        return report.toString();
+    }
+}
