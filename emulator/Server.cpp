@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -158,6 +159,9 @@ void Server::acceptAll() {
             }
             return;
         }
+        // A reply written right behind an event must not wait for the client's delayed ack.
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         const ClientId client = ++m_nLastClient;
         m_connections[client].fd = fd;
         m_service.connect(client);
