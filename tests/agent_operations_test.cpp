@@ -551,7 +551,7 @@ TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
     // A copy whose call fails files no callback.
     service->on(ACTION_DOWNLOAD_FILE, [this](const Bytes&) {
         service->closeConnection();
-        return std::vector<FakeService::Reply>{};
+        return std::vector<Bytes>{};
     });
     EXPECT_NE(0, agent->copyFileList(&server, &files, CallbackRecorder::onFile, &taskID));
     EXPECT_EQ(55, taskID);

@@ -107,7 +107,7 @@ TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
     EXPECT_TRUE(waitUntil([&] { return inside.load(); }, 5000));
     service->on(ACTION_UNREGISTER, [this](const Bytes&) {
         service->closeConnection();
-        return std::vector<FakeService::Reply>{};
+        return std::vector<Bytes>{};
     });
     EXPECT_NE(0, agent->unregisterApp());
     EXPECT_EQ(kAppID, agent->getAppID());
@@ -236,7 +236,7 @@ TEST_F(ReconnectionTest, AServiceResultOf1100EndsTheAttempts) {
     std::atomic<int> registrations(0);
     service->on(ACTION_REGISTER, [&](const Bytes&) {
         const int result = registrations++ == 0 ? 0 : 1100;
-        return std::vector<FakeService::Reply>{{body(ACTION_REGISTER, {kAppID, result})}};
+        return std::vector<Bytes>{body(ACTION_REGISTER, {kAppID, result})};
     });
     ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, nullptr));
     loseService();
