@@ -121,18 +121,20 @@ TABLE_HEAD = "# Fault verdicts (tools/mutants/plant.py --table): ID, verdict, th
 
 def write_table(path, faults, rows):
     """Keeps the rows of faults not run this time, in the order of faults.txt."""
-    old, ident = {}, None
+    old, ident, notes = {}, None, []
     if os.path.exists(path):
         with open(path, encoding="utf-8") as f:
             for line in f:
-                if line.startswith("## "):
+                if line.startswith("# ") and line != TABLE_HEAD:
+                    notes.append(line)  # what the table was run against, kept as written
+                elif line.startswith("## "):
                     ident = line[3:].split(" ", 1)[0]
                     old[ident] = line
                 elif ident and line.startswith("   "):
                     old[ident] += line
     old.update(rows)
     with open(path, "w", encoding="utf-8") as f:
-        f.write(TABLE_HEAD)
+        f.write(TABLE_HEAD + "".join(notes))
         for fault in read_faults(FAULTS):
             if fault["id"] in old:
                 f.write(old[fault["id"]])
