@@ -44,6 +44,7 @@ protected:
         dir.write("media/Music/track.mp3", pattern(3 << 20, 1));
         dir.write("media/readme.txt", "served by the emulator");
         startEmulator();
+        ASSERT_FALSE(HasFailure());
         alice.reset(new ChildProcess({PELK_CLI, "listen", "--name", "alice", "--number", "11", "--receive-dir",
                                       dir.file("alice"), "--verbose"},
                                      dir.file("alice.out")));
@@ -70,11 +71,10 @@ protected:
         }
     }
 
+    // 8 MiB/s: slow enough to pause a transfer midway, fast enough for 10 MiB in a test.
     void startEmulator() {
-        // 8 MiB/s: slow enough to pause a transfer midway, fast enough for 10 MiB in a test.
-        emulator.reset(new ChildProcess({PELK_EMULATOR, "--media", dir.file("media"), "--rate", "8M"},
-                                        dir.file("emulator.log")));
-        ASSERT_TRUE(emulator->awaitOutput("listening on 127.0.0.1:20014", kWaitMs)) << emulator->output();
+        emulator = pelktest::startEmulator({PELK_EMULATOR, "--media", dir.file("media"), "--rate", "8M"},
+                                           dir.file("emulator.log"), kWaitMs);
     }
 
     // Runs pelk as bob to its end; its exit status, with its output in `output`.
@@ -112,7 +112,11 @@ protected:
     }
 
     // The progress events of one transfer move forward and end at the whole list.
-    static void expectMonotonicToTheTotal(const std::vector<file_transfer_event>& events, uint64_t total) {
+    void expectMonotonicToTheTotal(const char* kind, uint64_t total) {
+        std::vector<file_transfer_event> events;
+        for (const CallbackRecord& record : callbacks.of(kind)) {
+            events.push_back(record.fileEvent);
+        }
         ASSERT_FALSE(events.empty());
         uint64_t before = 0;
         int64_t file = 0;
@@ -125,14 +129,6 @@ protected:
         }
         EXPECT_EQ(FILE_EVENT_LIST_DONE, events.back().nEventType);
         EXPECT_EQ(events.back().nTotalCount, events.back().nCurrentCount);
-    }
-
-    std::vector<file_transfer_event> fileEvents(const char* kind) {
-        std::vector<file_transfer_event> events;
-        for (const CallbackRecord& record : callbacks.of(kind)) {
-            events.push_back(record.fileEvent);
-        }
-        return events;
     }
 
     pelktest::TempDir dir;
@@ -191,9 +187,8 @@ TEST_F(EndToEndTest, FilesArriveByteIdenticalWithProgressEndingAtTheTotal) {
     const InteractionApp target = appNamed("alice");
     ASSERT_EQ(0, agent.sendFileList(&list, &target, CallbackRecorder::onFile, nullptr, &taskID, false, 0));
     ASSERT_TRUE(alice->awaitOutput("three.bin (300000 bytes)", kWaitMs));
-    const std::vector<file_transfer_event> events = fileEvents("file");
-    expectMonotonicToTheTotal(events, 400000);
-    EXPECT_EQ(taskID, static_cast<uint32_t>(events.back().nId));
+    expectMonotonicToTheTotal("file", 400000);
+    EXPECT_EQ(taskID, static_cast<uint32_t>(callbacks.of("file").back().fileEvent.nId));
     for (const char* name : {"one.txt", "two.txt", "three.bin"}) {
         EXPECT_TRUE(readFile(dir.file(name)) == readFile(dir.file(std::string("alice/") + name))) << name;
     }

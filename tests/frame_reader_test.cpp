@@ -73,4 +73,22 @@ TEST(FrameTest, ReaderGivesTheSameFramesForAnyCuttingOfTheStream) {
     }
 }
 
+// A length word up to the limit is a frame still arriving; one past it can never be framed.
+TEST(FrameTest, ALengthWordBeyondTheLimitIsRefused) {
+    for (uint32_t length : {Frame::kMaxLength, Frame::kMaxLength + 1}) {
+        Frame::Reader reader;
+        int room = 0;
+        char* space = reader.space(&room);
+        ASSERT_NE(nullptr, space);
+        const Bytes header = pelktest::B().i32(length).i32(20);
+        memcpy(space, header.data(), header.size());
+        reader.commit(static_cast<int>(header.size()));
+        char* frame = nullptr;
+        uint32_t got = 0;
+        EXPECT_EQ(length > Frame::kMaxLength ? Frame::Reader::kTooLong : Frame::Reader::kIncomplete,
+                  reader.next(&frame, &got))
+            << length;
+    }
+}
+
 }  // namespace

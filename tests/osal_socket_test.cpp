@@ -102,7 +102,6 @@ struct Link {
 
 
 TEST(OsalSockets, PendingInputIsNotConsumedAndDoesNotStopSending) {
-    LogCapture capture;
     Link link;
     int sent = 77;
     EXPECT_TRUE(Osal::osal_socketAvailable(link.mine));
@@ -114,7 +113,6 @@ TEST(OsalSockets, PendingInputIsNotConsumedAndDoesNotStopSending) {
     EXPECT_EQ(sent, 77);
     EXPECT_EQ(drain(link.peer), "hello!");
     EXPECT_EQ(drain(link.mine), "abc");
-    EXPECT_TRUE(capture.lines().empty());
 }
 
 TEST(OsalSockets, ClosedAndResetPeersAreToldApart) {
@@ -142,19 +140,15 @@ TEST(OsalSockets, ClosedAndResetPeersAreToldApart) {
 }
 
 TEST(OsalSockets, SendAndReceiveTimeOutReportingBytesSoFar) {
-    LogCapture capture;
     const std::vector<char> big(4 << 20, 'z');
     const int size = static_cast<int>(big.size());
     for (auto sendAll : {&Osal::osal_sendn, &Osal::osal_simple_sendn}) {
-        const std::string name = sendAll == &Osal::osal_sendn ? "osal_sendn" : "osal_simple_sendn";
-        SCOPED_TRACE(name);
         Link link(false);
         int small = 4096, sent = -1;
         setsockopt(link.mine, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
         EXPECT_EQ(timed(0.9, [&] { return sendAll(link.mine, big.data(), size, 0, 1, &sent); }), 0);
         EXPECT_GT(sent, 0);
         EXPECT_EQ(static_cast<int>(drain(link.peer).size()), sent);  // all reported bytes, no more
-        EXPECT_EQ(capture.count(name + " timeout! socket=" + std::to_string(link.mine) + ", error:"), 1u);
     }
 
     Link link;
@@ -169,20 +163,16 @@ TEST(OsalSockets, SendAndReceiveTimeOutReportingBytesSoFar) {
     EXPECT_EQ(timed(0.9, [&] { return Osal::osal_recvn(link.mine, buffer, 10, 0, 1, &received); }), 0);
     EXPECT_EQ(received, 3);
     EXPECT_EQ(std::string(buffer, 3), "xyz");
-    EXPECT_TRUE(capture.contains("recvn timeout!"));
-    link.peerWrites("pq");  // peeking reads without consuming, and is warned about
+    link.peerWrites("pq");  // peeking reads without consuming
     EXPECT_EQ(Osal::osal_recvn(link.mine, buffer, 2, MSG_PEEK, 1, nullptr), 1);
-    EXPECT_EQ(capture.count("Recvn with MSG_PEEK mode should not be avoided!"), 1u);
     EXPECT_EQ(drain(link.mine), "pq");
     EXPECT_EQ(Osal::osal_recvn(link.mine, buffer, 0, 0, 1, nullptr), 1);
 }
 
 TEST(OsalSockets, InvalidHandlesGetTheirCodes) {
-    LogCapture capture;
     char buffer[4] = {};
     for (long sock : {-1L, LONG_MIN}) {  // LONG_MIN would be descriptor 0 if cut to an int
         SCOPED_TRACE(sock);
-        capture.clear();
         int count = 5;
         const std::vector<int> results = {
             Osal::osal_socketReadable(sock, 0, 0), Osal::osal_socketWritable(sock, 0),
@@ -191,7 +181,6 @@ TEST(OsalSockets, InvalidHandlesGetTheirCodes) {
             Osal::osal_recvn(sock, buffer, 1, 0, 1, &count)};
         EXPECT_EQ(results, (std::vector<int>{-1, -1, false, false, -1, -1, -2}));
         EXPECT_EQ(count, 5);
-        EXPECT_EQ(capture.count("OSAL_INVALID_SOCKET == sock!"), 7u);
     }
     const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
     close(stale);
@@ -199,7 +188,6 @@ TEST(OsalSockets, InvalidHandlesGetTheirCodes) {
 }
 
 TEST(OsalSockets, ReadinessAndConnectedState) {
-    LogCapture capture;
     Link link;
     EXPECT_EQ(timed(0.15, [&] { return Osal::osal_socketReadable(link.mine, 0, 200000); }), 0);
     EXPECT_GT(Osal::osal_socketWritable(link.mine, 1), 0);
@@ -211,12 +199,10 @@ TEST(OsalSockets, ReadinessAndConnectedState) {
     EXPECT_EQ(drain(link.mine), "w");
     link.closePeer();
     EXPECT_FALSE(Osal::osal_socketConnected(link.mine, 1));
-    EXPECT_TRUE(capture.contains("the socket is closed. \n"));
 
     int port = 0;
     const int listener = boundSocket(true, &port);  // nobody queued: neither readable nor writable
     EXPECT_FALSE(Osal::osal_socketConnected(listener, 0));
-    EXPECT_TRUE(capture.contains("Timeout, connection failed!"));
     const long unconnected = Osal::osal_create_tcp_socket();
     EXPECT_FALSE(Osal::osal_socketConnected(unconnected, 0));
     close(listener);
@@ -224,22 +210,17 @@ TEST(OsalSockets, ReadinessAndConnectedState) {
 }
 
 TEST(OsalSockets, PortProbeRejectsBadInputAndTellsOpenFromClosed) {
-    LogCapture capture;
     bool open = true;
     EXPECT_EQ(Osal::osal_checkPortOpen("127.0.0.1", 65536, &open), 1);
     EXPECT_TRUE(open);
-    EXPECT_TRUE(capture.contains("Invalid tcp port: 65536!"));
     EXPECT_EQ(Osal::osal_checkPortOpen(nullptr, 80, &open), 1);
     EXPECT_EQ(Osal::osal_checkPortOpen("127.0.0.1", 80, nullptr), 1);
-    EXPECT_EQ(capture.count("NULL pointer of input!"), 2u);
     for (bool listening : {true, false}) {
         int port = 0;
         const int sock = boundSocket(listening, &port);
         open = !listening;
         EXPECT_EQ(Osal::osal_checkLocalPortOpen(port, &open), 0);
         EXPECT_EQ(open, listening);
-        EXPECT_TRUE(capture.contains((listening ? "Connected to 127.0.0.1:" : "Cannot connect to 127.0.0.1:") +
-                                     std::to_string(port)));
         close(sock);
     }
 }

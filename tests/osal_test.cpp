@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "CommonLib/OSALDetail.h"
-#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 using Osal = PELK::Common::OSAbstractLayer;
@@ -47,8 +46,7 @@ TEST(OsalSyncTest, ThreadPostsWhileSemaphoreWaitsTimeOutOrTakeACount) {
     EXPECT_EQ(0, Osal::osal_destroy_cond(&sem));
 }
 
-TEST(OsalSyncTest, FailuresReturnOneWithTheirLogLinesButLockingAlwaysSucceeds) {
-    pelktest::LogCapture log;
+TEST(OsalSyncTest, FailuresReturnOneButLockingAlwaysSucceeds) {
     long thread = 0;
     const std::vector<int> results = {
         Osal::osal_create_thread(nullptr, postLater, nullptr), Osal::osal_create_thread(&thread, nullptr, nullptr),
@@ -56,17 +54,10 @@ TEST(OsalSyncTest, FailuresReturnOneWithTheirLogLinesButLockingAlwaysSucceeds) {
         Osal::osal_init_cond(nullptr), Osal::osal_unlock_cond(nullptr), Osal::osal_lock_cond(nullptr, -1),
         Osal::osal_lock_cond_ms(nullptr, 10)};
     EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 0, 1, 1, 1, 1, 1}));
-    EXPECT_EQ(2u, log.count("pthread_create fail! errno=22!"));
-    for (const char* line : {"pthread_join fail! errno=22!", "osal_unlock_mutex fail for mutex:",
-                             "[OSAL]Sem_init Error\n", "[OSAL] Died Cond Semaphore\n", "[OSAL]osal_lock_cond-error\n",
-                             "osal_lock_cond_ms fail when sem_timedwait.."}) {
-        EXPECT_EQ(1u, log.count(line)) << line;
-    }
 #if !defined(__SANITIZE_THREAD__)  // ThreadSanitizer rightly reports these deliberate misuses
     // An error-checking mutex lets pthreads report what a default one leaves undefined.
     pthread_mutex_t mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     EXPECT_EQ(1, Osal::osal_unlock_mutex(&mutex));
-    EXPECT_EQ(2u, log.count("osal_unlock_mutex fail for mutex:"));
     EXPECT_EQ(0, Osal::osal_lock_mutex(&mutex));
     EXPECT_EQ(0, Osal::osal_lock_mutex(&mutex));  // EDEADLK from pthreads, not passed on
     EXPECT_EQ(0, Osal::osal_unlock_mutex(&mutex));
@@ -85,7 +76,6 @@ TEST(OsalSyncTest, DeadlineCarriesOnlyWhenNanosecondsExceedOneSecond) {
 }
 
 TEST(OsalTextTest, WideningAndNarrowingInEitherNaming) {
-    pelktest::LogCapture log;
     for (auto widen : {&Osal::osal_local_to_unicode, &Osal::osal_utf8_to_unicode}) {
         wchar_t wide[8] = {L'?', L'?', L'?', L'?'};
         EXPECT_EQ(0, widen("a\x80\xff", wide, 4));
@@ -113,9 +103,6 @@ TEST(OsalTextTest, WideningAndNarrowingInEitherNaming) {
         EXPECT_EQ(1, convert("abc", none, max));
         EXPECT_EQ(1, convert(std::string(300, 'a').c_str(), dst, max));
     }
-    EXPECT_EQ(2u, log.count("Cannot convert! nMaxCharNum=4, need:5"));
-    EXPECT_EQ(2u, log.count("Cannot convert! nMaxCharNum=3, need:4"));
-    EXPECT_EQ(2u, log.count("Cannot convert! nMaxCharNum=260, need:301"));
 }
 
 TEST(OsalPathTest, RelativePathsResolveAgainstTheCachedCurrentDirectory) {
@@ -133,16 +120,12 @@ TEST(OsalPathTest, RelativePathsResolveAgainstTheCachedCurrentDirectory) {
         {"../a", root + "/x/a"}, {"./a", root + "/x/y/a"}, {"a/b", root + "/x/y/a/b"}, {"../../a", root + "/a"},
         {"..\\a", root + "/x/a"}, {".a", ""}, {"..a", ""}, {"\\x", "\\x"}, {"/abs", "/abs"},
     };
-    pelktest::LogCapture log;
     for (const auto& row : rows) EXPECT_EQ(row.second, Osal::osal_getAbsolutePath(row.first.c_str())) << row.first;
     EXPECT_EQ("", Osal::osal_getAbsolutePath(nullptr));
-    EXPECT_TRUE(log.contains("Invalid path:.a, currentPath=" + root + "/x/y"));
-    EXPECT_TRUE(log.contains("Invalid path:..a"));
 
     EXPECT_EQ(0, Osal::osal_setCurrentPath("/"));  // the cache follows; "/" loses its trailing separator
     EXPECT_EQ("/a", Osal::osal_getAbsolutePath("./a"));
     EXPECT_EQ("", Osal::osal_getAbsolutePath("../a"));
-    EXPECT_TRUE(log.contains("Invalid path:../a, currentPath="));
     EXPECT_NE(0, Osal::osal_setCurrentPath(nullptr));
     EXPECT_EQ(0, Osal::osal_setCurrentPath(original));
 }

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "support/LogCapture.h"
 #include "support/MessageGoldens.h"
 
 using namespace PELK;
@@ -17,9 +16,7 @@ using namespace pelktest;
 namespace {
 
 TEST(StructTest, EveryMessageEncodesToItsOffsetTable) {
-    pelktest::LogCapture log;
-    const std::vector<Golden> cases = Goldens();
-    for (const Golden& c : cases) {
+    for (const Golden& c : Goldens()) {
         SCOPED_TRACE(c.name);
         const Msg m = c.make();
         EXPECT_EQ(c.body, Encode(*m));
@@ -28,10 +25,7 @@ TEST(StructTest, EveryMessageEncodesToItsOffsetTable) {
         const bool fileEvent = name == "SendFileStatusRes" || name == "ReceiveFileRes" || name == "DMFileCopyRes";
         EXPECT_EQ(c.body.size() + (fileEvent ? 8 : 0), m->GetSize());
         EXPECT_EQ(m->GetSize(), m->GetBuffer(nullptr));
-        EXPECT_EQ(1u, log.count(std::string(c.name) + " -> GetBuffer : buf == NULL!"));
     }
-    EXPECT_EQ(cases.size(), log.count("D/GetBuffer("));
-    EXPECT_EQ(cases.size(), log.count("<Struct.h>"));
 }
 
 // Decoding the hand-built body must give the filled object's fields: both encode to that body,
@@ -50,8 +44,7 @@ TEST(StructTest, EveryMessageDecodesItsFields) {
     EXPECT_STREQ("10.0.0.1", data.sender.szIPv4);
 }
 
-TEST(StructTest, ShortOrNullBodiesChangeNothingAndAreLogged) {
-    pelktest::LogCapture log;
+TEST(StructTest, ShortOrNullBodiesChangeNothing) {
     for (const Golden& c : Goldens()) {
         SCOPED_TRACE(c.name);
         const Msg m = c.fresh();
@@ -60,11 +53,7 @@ TEST(StructTest, ShortOrNullBodiesChangeNothingAndAreLogged) {
         Decode(*m, c.body, size - 1);
         m->FromBuffer(nullptr, 0xFFFFFFFFu);
         EXPECT_EQ(before, Encode(*m));
-        EXPECT_EQ(1u,
-                  log.count(std::string(c.name) + " : nBufferSize < this->GetSize()[" + std::to_string(size) + "]!"));
-        EXPECT_EQ(1u, log.count(std::string(c.name) + " -> FromBuffer(): NULL == buf !"));
     }
-    EXPECT_EQ(2 * Goldens().size(), log.count("D/FromBuffer("));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -112,7 +101,6 @@ std::vector<GrownRow> GrownTable() {
 }
 
 TEST(StructTest, DecodersRefuseTruncatedAndOverClaimingBodies) {
-    pelktest::LogCapture log;
     for (const GrownRow& row : GrownTable()) {
         SCOPED_TRACE(row.name);
         const Bytes body = Encode(*row.make(3));
@@ -129,12 +117,10 @@ TEST(StructTest, DecodersRefuseTruncatedAndOverClaimingBodies) {
             std::copy(count.begin(), count.end(), b.begin() + row.countAt);
             bad.push_back(b);
         }
-        log.clear();
         for (const Bytes& b : bad) {
             Decode(*fresh, b, static_cast<unsigned int>(b.size()));
             EXPECT_EQ(before, Encode(*fresh)) << "body of " << b.size() << " bytes";
         }
-        EXPECT_EQ(bad.size(), log.count(std::string(row.name) + " : nBufferSize < this->GetSize()["));
         // The real body is taken whole when its length is trusted.
         Decode(*fresh, body, 0xFFFFFFFFu);
         EXPECT_EQ(body, Encode(*fresh));
@@ -165,10 +151,7 @@ TEST(StructTest, TextsAreCutToTheirFields) {
 }
 
 TEST(StructTest, ListRepliesPlaceTheResultBehindTheRecords) {
-    pelktest::LogCapture log;
     SearchAppRes apps;
-    Decode(apps, B().i32(44).i32(4).app(1).app(2).app(3).i32(0).v, 924);  // claims 4 records, holds 3
-    EXPECT_EQ(1u, log.count("SearchAppRes : nBufferSize < this->GetSize()[1228]!"));
     Decode(apps, B().i32(44).i32(0).i32(0).v, 12);
     EXPECT_EQ(0, apps.nResult);
     EXPECT_TRUE(apps.apps.empty());

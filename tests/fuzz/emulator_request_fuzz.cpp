@@ -4,7 +4,7 @@
 // so file sends, copies and uploads stay inside it; what an input wrote is removed after it.
 //
 // With PELK_FUZZ_SEEDS=DIR in the environment, the target first writes its seeds there: short
-// sessions of real requests encoded by the message classes (tools/fuzz.sh uses this).
+// sessions of real requests, the message tests' golden bodies (tools/fuzz.sh uses this).
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,9 +22,11 @@
 #include "CommonLib/LogSink.h"
 #include "Service.h"
 #include "ServiceCodes.h"
+#include "support/MessageGoldens.h"
 
 using namespace PELK;
 using namespace PELK::Emulator;
+using pelktest::Bytes;
 
 namespace {
 
@@ -38,101 +40,31 @@ public:
     int64_t now = 0;
 };
 
-template <class Msg>
-void appendFrame(std::string& stream, const Msg& message) {
-    std::vector<char> body(message.GetSize());
-    const unsigned int length = message.GetBuffer(body.data());
-    unsigned char word[4];
-    Wire::EncodeFixed32(word, length);
-    stream.append(reinterpret_cast<const char*>(word), 4);
-    stream.append(body.data(), length);
+// A message as one frame of a stream.
+std::string frameOf(const ReqResBase& message) {
+    const Bytes body = pelktest::Encode(message);
+    const Bytes whole = pelktest::frame(body);
+    return std::string(whole.begin(), whole.end());
 }
 
-InteractionApp peer() {
-    InteractionApp app;
-    app.nAppID = 1;  // the peer registers first
-    return app;
-}
-
-FileInfo item(const char* objectID) {
-    FileInfo info;
-    Wire::CopyText(info.objectID, objectID);
-    Wire::CopyText(info.sourceDMSUDN, Service::kMediaServerUDN);
-    return info;
-}
-
-DLNADevice device(const char* udn, DLNA_DEVICE_TYPE type) {
-    DLNADevice found;
-    Wire::CopyText(found.UUID, udn);
-    found.type = type;
-    return found;
-}
-
-// Paths in seeds are relative: each input runs in the tree, entered as the current folder.
+// A registration with events and a receive folder, alone and followed by each request of the
+// message tests' golden bodies.
 std::vector<std::string> seeds() {
-    std::string registration;
     RegisterReq hello;
     hello.SetAppName("fuzz");
-    hello.fAppEvents = true;
-    hello.fDeviceEvents = true;
-    appendFrame(registration, hello);
+    hello.fAppEvents = hello.fDeviceEvents = true;
     SetReceiveOptionReq inbox;
     inbox.SetDirectory("inbox");
-    appendFrame(registration, inbox);
-
-    std::string data = registration;
-    SendDataReq text;
-    text.app = peer();
-    text.data.Set("hello", 5);
-    appendFrame(data, text);
-    AsynSendDataReq asyn;
-    asyn.app = peer();
-    asyn.fWantStatus = true;
-    asyn.data.Set("later", 5);
-    appendFrame(data, asyn);
-    SendUDPHugeDataReq piece;
-    piece.app = peer();
-    piece.data.Set("\x01\0\0\0\xfe\xff\xff\xffpiece", 13);
-    appendFrame(data, piece);
-
-    std::string files = registration;
-    SendFileReq send;
-    send.files = {FilePath("media/notes.txt"), FilePath("media/Music/track.mp3")};
-    send.app = peer();
-    appendFrame(files, send);
-    FileTransferCtrlReq pause(ACTION_PAUSE_SEND);
-    pause.nTaskID = 1;
-    appendFrame(files, pause);
-    FileTransferCtrlReq cancel(ACTION_CANCEL_SEND);
-    cancel.nTaskID = 1;
-    appendFrame(files, cancel);
-
-    std::string media = registration;
-    GetFileListReq browse(ACTION_GET_CHILD_FILE_LIST);
-    browse.server = device(Service::kMediaServerUDN, DLNA_DEVICE_DMS);
-    browse.folder = item("Music");
-    appendFrame(media, browse);
-    CopyFileReq download;
-    download.actionID = ACTION_DOWNLOAD_FILE;
-    download.source = browse.server;
-    download.items = {item("Music/track.mp3")};
-    appendFrame(media, download);
-    CopyFileReq upload;
-    upload.source = browse.server;
-    upload.destination = browse.server;
-    upload.items = {item("notes.txt")};
-    upload.destinationFolder = item("Music");
-    appendFrame(media, upload);
-    PlaySelectedFileReq play;
-    play.server = device(Service::kRendererUDN, DLNA_DEVICE_DMR);
-    play.renderer = browse.server;
-    play.items = {item("notes.txt")};
-    appendFrame(media, play);
-    SetShareFolderReq share;
-    share.SetFolderPath("media");
-    appendFrame(media, share);
-    appendFrame(media, DMSCtrlReq(ACTION_START_DMS));
-    return {registration, data, files, media};
+    const std::string registration = frameOf(hello) + frameOf(inbox);
+    std::vector<std::string> all = {registration};
+    for (const pelktest::Golden& golden : pelktest::Goldens()) {
+        const std::string name = golden.name;
+        if (name.compare(name.size() - 3, 3, "Req") == 0) {
+            const Bytes whole = pelktest::frame(golden.body);
+            all.push_back(registration + std::string(whole.begin(), whole.end()));
+        }
+    }
+    return all;
 }
 
 void writeSeeds(const char* folder) {
@@ -220,14 +152,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (!service.start(error)) {
             abort();
         }
-        std::string peerSession;
         RegisterReq peerRegistration;
         peerRegistration.SetAppName("peer");
         peerRegistration.fAppEvents = true;
-        appendFrame(peerSession, peerRegistration);
         SetReceiveOptionReq peerInbox;
         peerInbox.SetDirectory("peer");
-        appendFrame(peerSession, peerInbox);
+        const std::string peerSession = frameOf(peerRegistration) + frameOf(peerInbox);
         service.connect(2);
         service.connect(1);
         for (const std::pair<ClientId, std::string>& session :

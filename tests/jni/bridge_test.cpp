@@ -19,8 +19,26 @@
 #include "support/Waits.h"
 
 using namespace pelktest;
+using namespace std::string_literals;
 
 namespace {
+
+// The events: an app or device change, received data, a TCP send's status, and the file events
+// 14, 19 and 41 (task, file name, then what follows their head).
+Bytes appEvent(int change, const Bytes& app) { return B().i32(45).i32(0).i32(change).add(app); }
+Bytes deviceEvent(int change, const Bytes& device) { return B().i32(32).i32(0).i32(change).add(device); }
+Bytes dataEvent(int type, const Bytes& sender, const std::string& data) {
+    return B().i32(20).i32(1).i32(type).add(sender).i32(static_cast<int32_t>(data.size())).str(data, data.size());
+}
+Bytes tcpStatus(const std::string& ip) { return B().i32(54).i32(0).i32(2).str(ip, 16).i32(12).add(sendTag(12)); }
+Bytes fileEvent(int32_t action, int32_t taskID, const std::string& name, const Bytes& first, const Bytes& second) {
+    return B().i32(action).i32(0).i64(5000000001).i64(5000000002).i64(5000000003).i32(2).i32(taskID).i32(1).i32(3)
+        .str(name, 260).add(first).add(second);
+}
+const std::string kFileEvent = "fileEvent{5000000001,5000000002,5000000003,";
+
+// A 32-bit field as it stands in a request.
+std::string le(int32_t value) { return readField(B().i32(value), 0, 4); }
 
 // ---------------------------------------------------------------------------------------------
 // The fixture: the fake service, the VM, and Java values made on the test's thread.
@@ -28,6 +46,22 @@ namespace {
 constexpr const char* kProbe = "com/quorvik/kolt/pelk/agent/probe/Probe";
 constexpr const char* kDeviceClass = "com/quorvik/kolt/pelk/agent/DLNADevice";
 constexpr const char* kFileInfoClass = "com/quorvik/kolt/pelk/agent/FileInfo";
+constexpr const char* kOptionClass = "com/quorvik/kolt/pelk/agent/ReceiveOption";
+constexpr const char* kDeviceSignature = "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V";
+constexpr const char* kFileInfoSignature =
+    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)V";
+
+// One native call as an app makes it: what it returns, and the request it sends (action) with
+// fields at their offsets, answered by reply when one is given. A negative action names a
+// request that the call must not send.
+struct Call {
+    const char* method;
+    std::vector<jobject> args;
+    int result;
+    int32_t action = 0;
+    std::vector<std::pair<size_t, std::string>> fields = {};
+    Bytes reply = {};
+};
 
 class BridgeTest : public ::testing::Test {
 protected:
@@ -65,13 +99,30 @@ protected:
     }
 
     jstring str(const std::string& s) { return env->NewStringUTF(s.c_str()); }
+    // Java strings as UTF-16, so that characters outside the BMP are what they are in Java.
+    jstring jtext(const std::u16string& s) {
+        return env->NewString(reinterpret_cast<const jchar*>(s.data()), static_cast<jsize>(s.size()));
+    }
+    std::u16string text16(jobject javaString) {
+        if (javaString == nullptr) {
+            return u"(no text)";
+        }
+        std::u16string result(static_cast<size_t>(env->GetStringLength(static_cast<jstring>(javaString))), u'\0');
+        env->GetStringRegion(static_cast<jstring>(javaString), 0, static_cast<jsize>(result.size()),
+                             reinterpret_cast<jchar*>(&result[0]));
+        return result;
+    }
+    // The text of an ASCII Java string.
+    std::string text(jobject javaString) {
+        const std::u16string wide = text16(javaString);
+        return std::string(wide.begin(), wide.end());
+    }
 
     jbyteArray bytes(const std::string& s) {
         jbyteArray array = env->NewByteArray(static_cast<jsize>(s.size()));
         env->SetByteArrayRegion(array, 0, static_cast<jsize>(s.size()), reinterpret_cast<const jbyte*>(s.data()));
         return array;
     }
-
     jobject make(const char* className, const char* signature, ...) {
         jclass cls = env->FindClass(className);
         va_list args;
@@ -85,16 +136,12 @@ protected:
     jobject boolean(bool v) { return make("java/lang/Boolean", "(Z)V", v ? JNI_TRUE : JNI_FALSE); }
     jobject recorder() { return make("com/quorvik/kolt/pelk/agent/probe/Recorder", "()V"); }
     jobject device(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local) {
-        return make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", str(name), type,
-                    str(uuid), str(ip), local ? JNI_TRUE : JNI_FALSE);
+        return make(kDeviceClass, kDeviceSignature, str(name), type, str(uuid), str(ip), local ? JNI_TRUE : JNI_FALSE);
     }
     // A FileInfo whose texts are derived from id; a null title when title is "(null)".
     jobject file(const std::string& id, const std::string& title) {
-        return make(kFileInfoClass,
-                    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
-                    "Ljava/lang/String;)V",
-                    str("uuid:srv"), str("0"), str(id), title == "(null)" ? nullptr : str(title), str("video"),
-                    str("http://10.0.0.5/" + id));
+        return make(kFileInfoClass, kFileInfoSignature, str("uuid:srv"), str("0"), str(id),
+                    title == "(null)" ? nullptr : str(title), str("video"), str("http://10.0.0.5/" + id));
     }
     jobjectArray array(const char* className, const std::vector<jobject>& elements) {
         jobjectArray a = env->NewObjectArray(static_cast<jsize>(elements.size()), env->FindClass(className), nullptr);
@@ -103,6 +150,8 @@ protected:
         }
         return a;
     }
+    jobject nas() { return device("NAS", 0, "uuid:nas", "10.0.0.5", false); }
+    jobjectArray files(std::vector<jobject> items) { return array(kFileInfoClass, items); }
 
     jobject probe(const char* method, const char* signature, ...) {
         jclass cls = env->FindClass(kProbe);
@@ -134,48 +183,57 @@ protected:
         expectNoException();
         return value;
     }
-
-    // Java strings as UTF-16, so that characters outside the BMP are what they are in Java.
-    jstring jtext(const std::u16string& s) {
-        return env->NewString(reinterpret_cast<const jchar*>(s.data()), static_cast<jsize>(s.size()));
-    }
-    std::u16string text16(jobject javaString) {
-        if (javaString == nullptr) {
-            return u"(no text)";
-        }
-        std::u16string result(static_cast<size_t>(env->GetStringLength(static_cast<jstring>(javaString))), u'\0');
-        env->GetStringRegion(static_cast<jstring>(javaString), 0, static_cast<jsize>(result.size()),
-                             reinterpret_cast<jchar*>(&result[0]));
-        return result;
-    }
-
-    std::string text(jobject javaString) {
-        if (javaString == nullptr) {
-            return "(no text)";
-        }
-        const char* chars = env->GetStringUTFChars(static_cast<jstring>(javaString), nullptr);
-        std::string result(chars);
-        env->ReleaseStringUTFChars(static_cast<jstring>(javaString), chars);
-        return result;
-    }
     jobject described(jobject value) { return probe("describe", "(Ljava/lang/Object;)Ljava/lang/String;", value); }
     std::string describe(jobject value) { return text(described(value)); }
-    // The recorder's next call, as one line.
-    jobject nextCall(jobject recorder) {
-        jobject call = env->CallObjectMethod(
-            recorder, env->GetMethodID(env->GetObjectClass(recorder), "next", "()Ljava/lang/String;"));
-        expectNoException();
-        return call;
+
+    // Makes each call and checks its result and request.
+    void expectCalls(const std::vector<Call>& calls) {
+        for (const Call& c : calls) {
+            SCOPED_TRACE(c.method);
+            const int32_t action = c.action < 0 ? -c.action : c.action;
+            const size_t before = action != 0 ? service.received(action).size() : 0;
+            if (!c.reply.empty()) {
+                service.answer(action, c.reply);
+            }
+            EXPECT_EQ(callInt(c.method, c.args), c.result);
+            if (c.action < 0) {
+                EXPECT_EQ(service.received(action).size(), before) << "no request " << action;
+            } else if (c.action > 0) {
+                ASSERT_TRUE(service.waitForRequests(action, before + 1)) << "no request " << action;
+                const Bytes sent = service.received(action).back();
+                for (const auto& field : c.fields) {
+                    EXPECT_EQ(readField(sent, field.first, field.second.size()), field.second) << "at " << field.first;
+                }
+            }
+        }
     }
-    std::string next(jobject recorder) { return text(nextCall(recorder)); }
-    int count(jobject recorder) {
-        const int n = env->CallIntMethod(recorder, env->GetMethodID(env->GetObjectClass(recorder), "count", "()I"));
+
+    // The last request with this action ID (empty when none came).
+    Bytes request(int32_t actionID) {
+        service.waitForRequests(actionID, 1);
+        const std::vector<Bytes> requests = service.received(actionID);
+        return requests.empty() ? Bytes{} : requests.back();
+    }
+
+    // What a Recorder heard: its calls in turn, one line each, and how many in all.
+    jobject recorderCall(jobject r, const char* method, const char* signature, ...) {
+        va_list args;
+        va_start(args, signature);
+        jobject result = env->CallObjectMethodV(r, env->GetMethodID(env->GetObjectClass(r), method, signature), args);
+        va_end(args);
+        expectNoException();
+        return result;
+    }
+    jobject nextCall(jobject r) { return recorderCall(r, "next", "()Ljava/lang/String;"); }
+    std::string next(jobject r) { return text(nextCall(r)); }
+    int count(jobject r) {
+        const int n = env->CallIntMethod(r, env->GetMethodID(env->GetObjectClass(r), "count", "()I"));
         expectNoException();
         return n;
     }
-    bool awaitCount(jobject recorder, int n, long timeoutMs) {
-        const jboolean reached = env->CallBooleanMethod(
-            recorder, env->GetMethodID(env->GetObjectClass(recorder), "awaitCount", "(IJ)Z"), n, jlong{timeoutMs});
+    bool awaitCount(jobject r, int n, long timeoutMs) {
+        const jboolean reached =
+            env->CallBooleanMethod(r, env->GetMethodID(env->GetObjectClass(r), "awaitCount", "(IJ)Z"), n, jlong{timeoutMs});
         expectNoException();
         return reached == JNI_TRUE;
     }
@@ -193,22 +251,10 @@ protected:
     // send 42 and the copy 77.
     void listenToEverything(jobject r) {
         registerApp(r, r);
-        service.answer(15, body(15, {0}));
-        service.answer(13, body(13, {42, 0}));
-        service.answer(40, body(40, {77, 0}));
-        ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
-        ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}),
-                  42);
-        ASSERT_EQ(callInt("downLoad", {device("NAS", 0, "uuid:nas", "10.0.0.5", false),
-                                       array(kFileInfoClass, {file("1", "a")}), r}),
-                  77);
-    }
-
-    // The last request with this action ID (empty when none came).
-    Bytes request(int32_t actionID) {
-        service.waitForRequests(actionID, 1);
-        const std::vector<Bytes> requests = service.received(actionID);
-        return requests.empty() ? Bytes{} : requests.back();
+        expectCalls({{"setReceiveOption", {str("/data/in"), r}, 0, 15, {}, body(15, {0})},
+                     {"sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}, 42, 13,
+                      {}, body(13, {42, 0})},
+                     {"downLoad", {nas(), files({file("1", "a")}), r}, 77, 40, {}, body(40, {77, 0})}});
     }
 };
 
@@ -217,182 +263,152 @@ protected:
 TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
     jobject apps = recorder();
     jobject devices = recorder();
-    registerApp(apps, devices);
-    const Bytes reg = request(1);
-    EXPECT_EQ(readInt32(reg, 4), 3);
-    EXPECT_EQ(readText(reg, 8, 260), "demo");
-    EXPECT_EQ(readField(reg, 268, 2), "\1\1") << "device and app events wanted";
+    expectCalls({{"registerApp", {str("demo"), integer(3), apps, devices}, 0, 1, {{4, le(3)}, {8, "demo\0"s}, {268, "\1\1"}}}});
     EXPECT_TRUE(logged('D', "registerApp", "ActionAgentWrapper::registerApp() ------ Registe app:7 successful."));
     EXPECT_EQ(describe(call("getInteractionAppList", {})), "[]") << "no app known yet: an empty array";
 
-    service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "aa:bb:cc:dd:ee:ff", true)));
+    service.push(appEvent(1, appRecord("peer", 12, 2, "10.0.0.9", "aa:bb:cc:dd:ee:ff", true)));
     EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true} 1");
-    service.push(B().i32(32).i32(0).i32(2).add(deviceRecord("Living room", 1, "uuid:tv", "10.0.0.5", false)));
+    service.push(deviceEvent(2, deviceRecord("Living room", 1, "uuid:tv", "10.0.0.5", false)));
     EXPECT_EQ(next(devices), "onDLNADeviceChange device{Living room,1,uuid:tv,10.0.0.5,false} 2");
 
     EXPECT_EQ(describe(call("getInteractionAppList", {})), "[app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true}]");
     service.answer(44, B().i32(44).i32(1).add(appRecord("far", 30, 1, "10.0.0.30", "", false)).i32(0));
     EXPECT_EQ(describe(call("searchInteractionApp", {})), "[app{far,30,1,10.0.0.30,,false}]");
     EXPECT_TRUE(logged('I', kNative + "searchInteractionApp", "searchInteractionApp contains 1 apps!"));
-    service.answer(49, body(49, {0}));
-    EXPECT_EQ(callInt("refreshInteractionApp", {boolean(true)}), 0);
-    EXPECT_EQ(readField(request(49), 4, 1), "\1");
-
-    EXPECT_EQ(callInt("unRegisterApp", {}), 0);
+    expectCalls({{"refreshInteractionApp", {boolean(true)}, 0, 49, {{4, "\1"}}, body(49, {0})},
+                 {"unRegisterApp", {}, 0, 2}});
     EXPECT_EQ(describe(call("getInteractionAppList", {})), "null") << "not registered: the agent's code, no array";
 }
 
 TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
-    registerApp(recorder(), nullptr);
-    EXPECT_EQ(readField(request(1), 268, 1), std::string(1, '\0')) << "no device listener, no device events";
-    service.answer(18, body(18, {4}));
-    // The length asked for is cut to the array: nothing past its end is read.
-    EXPECT_EQ(
-        callInt("sendData", {bytes("hello"), integer(100), str("10.0.0.2"), integer(12), boolean(true), integer(3)}),
-        4);
-    const Bytes tcp = request(18);
-    EXPECT_EQ(readInt32(tcp, 4 + 260), 12);
-    EXPECT_EQ(readText(tcp, 4 + 268, 16), "10.0.0.2");
-    EXPECT_EQ(readField(tcp, 308, 1), "\1");
-    EXPECT_EQ(readInt32(tcp, 309), 3000) << "3 s";
-    EXPECT_EQ(readInt32(tcp, 313), 5);
-    EXPECT_EQ(readField(tcp, 317, 5), "hello");
-    EXPECT_TRUE(logged('D', kNative + "sendData", kNative + "sendData: buf: hello!"));
-    // A negative length is passed on as it is, for the agent to refuse; nothing is sent.
-    const std::pair<const char*, std::vector<jobject>> negative[] = {
-        {"sendData", {bytes("hello"), integer(-1), str("10.0.0.2"), integer(12), boolean(true), integer(3)}},
-        {"asynSendData", {bytes("hello"), integer(-1), str("10.0.0.2"), integer(12), boolean(true), nullptr}},
-        {"broadcast", {bytes("hello"), integer(-1), str("10.0.0.255"), boolean(true)}},
+    expectCalls({{"registerApp", {str("demo"), integer(3), recorder(), nullptr}, 0, 1, {{268, std::string(1, '\0')}}}});
+    const auto send = [&](const char* ip) {
+        return std::vector<jobject>{bytes("u"), integer(1), str(ip), integer(12), boolean(false), nullptr};
     };
-    for (const auto& c : negative) {
-        EXPECT_EQ(callInt(c.first, c.second), std::string(c.first) == "broadcast" ? 1905 : 1404) << c.first;
-    }
-    EXPECT_EQ(service.received(18).size() + service.received(53).size() + service.received(16).size(), 1u);
+    expectCalls({
+        // The length asked for is cut to the array: nothing past its end is read; 3 s are 3000 ms.
+        {"sendData", {bytes("hello"), integer(100), str("10.0.0.2"), integer(12), boolean(true), integer(3)}, 4, 18,
+         {{264, le(12)}, {272, "10.0.0.2\0"s}, {308, "\1"}, {309, le(3000)}, {313, le(5)}, {317, "hello"}},
+         body(18, {4})},
+        // A negative length is passed on as it is, for the agent to refuse; nothing is sent.
+        {"sendData", {bytes("hello"), integer(-1), str("10.0.0.2"), integer(12), boolean(true), integer(3)}, 1404, -18},
+        {"asynSendData", {bytes("hello"), integer(-1), str("10.0.0.2"), integer(12), boolean(true), nullptr}, 1404, -53},
+        {"broadcast", {bytes("hello"), integer(-1), str("10.0.0.255"), boolean(true)}, 1905, -16},
+        // The address is written over "127.0.0.1", so a shorter one keeps that text's tail; a
+        // longer one is cut to fifteen characters.
+        {"sendUDPData", send("1.2.3.4"), 0, 48, {{272, std::string("1.2.3.4\0" "1\0\0\0\0\0\0\0", 16)}, {308, std::string(1, '\0')}},
+         body(48, {0})},
+        {"sendUDPData", send("192.168.100.200:1"), 0, 48, {{272, std::string("192.168.100.200\0", 16)}}},
+        {"broadcast", {bytes("b"), integer(1), str("10.0.0.255"), boolean(true)}, 0, 16, {{272, "10.0.0.255\0"s}},
+         body(16, {0})},
+        {"sendUDPDataAll", {bytes("all"), integer(3), boolean(false)}, 0, 16, {{272, "0.0.0.0\0"s}, {313, "all"}}},
+    });
+    EXPECT_TRUE(logged('D', kNative + "sendData", kNative + "sendData: buf: hello!"));
     EXPECT_TRUE(logged('D', "sendData", "ActionAgentWrapper::sendData() ------ nReturn for Send data: 4"));
-
-    // The address is written over "127.0.0.1", so a shorter one keeps that text's tail.
-    service.answer(48, body(48, {0}));
-    EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("1.2.3.4"), integer(12), boolean(false), nullptr}),
-              0);
-    const Bytes udp = request(48);
-    EXPECT_EQ(readField(udp, 4 + 268, 16), std::string("1.2.3.4\0"
-                                                     "1\0\0\0\0\0\0\0",
-                                                     16));
-    EXPECT_EQ(readField(udp, 308, 1), std::string(1, '\0'));
-
-    service.answer(16, body(16, {0}));
-    EXPECT_EQ(callInt("broadcast", {bytes("b"), integer(1), str("10.0.0.255"), boolean(true)}), 0);
-    EXPECT_EQ(readText(request(16), 4 + 268, 16), "10.0.0.255");
-    EXPECT_EQ(callInt("sendUDPDataAll", {bytes("all"), integer(3), boolean(false)}), 0);
-    const Bytes all = request(16);
-    EXPECT_EQ(readText(all, 4 + 268, 16), "0.0.0.0");
-    EXPECT_EQ(readField(all, 313, 3), "all");
 }
 
-TEST_F(BridgeTest, AsynchronousSendsReportToTheFirstListenerEverGiven) {
+// Each kind of listener is kept by its own rule: a data send's the first ever given, a file
+// send's and a file list's the first of each, a copy's the latest.
+TEST_F(BridgeTest, EachListenerIsKeptByItsRuleAndHearsOnlyItsOwnEvents) {
     registerApp(recorder(), nullptr);
     jobject first = recorder();
     jobject second = recorder();
-    EXPECT_EQ(callInt("asynSendData", {bytes("one"), integer(3), str("10.0.0.2"), integer(12), boolean(false), first}),
-              0);
-    EXPECT_EQ(callInt("asynSendData", {bytes("two"), integer(3), str("10.0.0.2"), integer(12), boolean(false), second}),
-              0);
-    EXPECT_EQ(readField(request(53), 309, 1), "\1") << "a status is wanted";
-    const Bytes status = B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12));
-    service.push(status);
-    service.push(status);
-    EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
-    EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
-
-    service.answer(48, body(48, {0}));
-    EXPECT_EQ(callInt("sendUDPData", {bytes("u"), integer(1), str("10.0.0.2"), integer(12), boolean(true), second}), 0);
+    const auto asyn = [&](jobject r) {
+        return std::vector<jobject>{bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r};
+    };
+    expectCalls({{"asynSendData", asyn(first), 0, 53, {{309, "\1"}}},
+                 {"asynSendData", asyn(second), 0, 53},
+                 {"sendUDPData", {bytes("u"), integer(1), str("10.0.0.2"), integer(12), boolean(true), second}, 0, 48,
+                  {}, body(48, {0})}});
+    service.push(tcpStatus("10.0.0.2"));
     service.push(B().i32(52).i32(6).i32(1).str("10.0.0.2", 16).i32(12).add(sendTag(12)));
+    EXPECT_EQ(next(first), "onSendingData data{0,2,12,10.0.0.2}");
     EXPECT_EQ(next(first), "onSendingData data{6,1,12,10.0.0.2}");
-    EXPECT_EQ(count(second), 0);
-}
 
-TEST_F(BridgeTest, FileSendsReturnTheTaskIdOrTheNegatedCodeAndReportProgress) {
-    registerApp(recorder(), nullptr);
     jobject single = recorder();
     jobject list = recorder();
-    service.answer(13, body(13, {42, 0}));
-    EXPECT_EQ(
-        callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
-        42);
-    const Bytes one = request(13);
-    EXPECT_EQ(readInt32(one, 4), 1);
-    EXPECT_EQ(readText(one, 8, 260), "/data/a.txt");
-    EXPECT_EQ(readInt32(one, 268 + 260), 12);
-    EXPECT_EQ(readText(one, 268 + 268, 16), "10.0.0.2");
+    const auto sendFile = [&](jobject r) {
+        return std::vector<jobject>{str("/data/a.txt"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)};
+    };
+    const auto sendList = [&](jobject r) {
+        return std::vector<jobject>{array("java/lang/String", {str("/data/a"), str("/data/b")}), str("10.0.0.2"), r,
+                                    integer(12), boolean(true), integer(0)};
+    };
+    jobject copy = recorder();
+    jobject later = recorder();
+    expectCalls({
+        {"sendFile", sendFile(single), 42, 13, {{4, le(1)}, {8, "/data/a.txt\0"s}, {528, le(12)}, {536, "10.0.0.2\0"s}},
+         body(13, {42, 0})},
+        {"sendFile", sendFile(second), 42, 13},
+        {"sendFileList", sendList(list), 43, 51, {{4, le(2)}, {268, "/data/b\0"s}}, body(51, {43, 0})},
+        {"sendFileList", sendList(second), 43, 51},
+        {"downLoad", {nas(), files({file("1", "a"), file("2", "b")}), copy}, 77, 40,
+         {{4, "NAS\0"s}, {1228, le(2)}, {1232 + 1844 + 200, "2\0"s}}, body(40, {77, 0})},
+    });
+    EXPECT_TRUE(logged('I', kNative + "downLoad", "Success to downLoad.TaskID:[77]!"));
+    probeInt("globalRefs");
+    const int refs = probeInt("globalRefs");
+    expectCalls({{"upLoad", {nas(), device("Phone", 0, "uuid:me", "127.0.0.1", true), files({file("1", "a")}),
+                             file("9", "Inbox"), later},
+                  78, 39, {{616, "Phone\0"s}, {1232 + 1844 + 200, "9\0"s}}, body(39, {78, 0})}});
+    EXPECT_EQ(probeInt("globalRefs"), refs) << "the copy's first listener is released";
 
-    service.answer(51, body(51, {43, 0}));
-    EXPECT_EQ(callInt("sendFileList", {array("java/lang/String", {str("/data/a"), str("/data/b")}), str("10.0.0.2"),
-                                       list, integer(12), boolean(true), integer(0)}),
-              43);
-    EXPECT_EQ(readText(request(51), 8 + 260, 260), "/data/b");
-
-    service.push(fileEventHead(14, 42, "a.txt").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
-    EXPECT_EQ(next(single), "onSendingFile fileEvent{5000000001,5000000002,5000000003,42,1,3,2,a.txt,10.0.0.2,12}");
-    service.push(fileEventHead(14, 43, "b").add(appRecord("peer", 12, 0, "10.0.0.2", "", false)).add(sendTag(12)));
-    EXPECT_EQ(next(list), "onSendingFile fileEvent{5000000001,5000000002,5000000003,43,1,3,2,b,10.0.0.2,12}");
+    const Bytes peer = appRecord("peer", 12, 0, "10.0.0.2", "", false);
+    service.push(fileEvent(14, 42, "a.txt", peer, sendTag(12)));
+    service.push(fileEvent(14, 43, "b", peer, sendTag(12)));
+    service.push(fileEvent(41, 77, "a", sendTag(0), deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false)));
+    EXPECT_EQ(next(single), "onSendingFile " + kFileEvent + "42,1,3,2,a.txt,10.0.0.2,12}");
+    EXPECT_EQ(next(list), "onSendingFile " + kFileEvent + "43,1,3,2,b,10.0.0.2,12}");
+    EXPECT_EQ(next(later), "onDLNAFileCopy " + kFileEvent + "77,1,3,2,a,10.0.0.5,0}");
+    for (jobject unheard : {second, copy}) {
+        EXPECT_EQ(count(unheard), 0);
+    }
     EXPECT_EQ(count(single), 1);
+}
 
-    service.answer(13, body(13, {0, 5}));
-    EXPECT_EQ(
-        callInt("sendFile", {str("/data/a.txt"), str("10.0.0.2"), single, integer(12), boolean(false), integer(0)}),
-        -5);
-    EXPECT_EQ(callInt("sendFile", {str("/data/a.txt"), nullptr, single, integer(12), boolean(false), integer(0)}), 0)
-        << "an address that cannot be converted";
-    EXPECT_TRUE(logged('W', kNative + "sendFile", kNative + "sendFile: jstringToString failure!"));
-
-    // Resuming asks the service for a pause, on purpose.
-    for (int32_t action : {9, 11, 12}) {
-        service.answer(action, body(action, {42, 0}));
-    }
-    for (const char* method : {"pauseSend", "resumeSend", "cancelReceive", "cancelSend"}) {
-        EXPECT_EQ(callInt(method, {integer(42)}), 0) << method;
-    }
-    EXPECT_EQ(service.received(9).size(), 2u);
+// A failed file send returns its code negated; resuming asks the service for a pause, on purpose.
+TEST_F(BridgeTest, FileSendsReturnTheNegatedCodeAndControlsCarryTheTaskID) {
+    registerApp(recorder(), nullptr);
+    const auto sendFile = [&](jobject ip) {
+        return std::vector<jobject>{str("/data/a.txt"), ip, recorder(), integer(12), boolean(false), integer(0)};
+    };
+    expectCalls({
+        {"sendFile", sendFile(str("10.0.0.2")), -5, 13, {}, body(13, {0, 5})},
+        {"sendFile", sendFile(nullptr), 0, -13},  // an address that cannot be converted
+        {"pauseSend", {integer(42)}, 0, 9, {{4, le(42)}}, body(9, {42, 0})},
+        {"resumeSend", {integer(43)}, 0, 9, {{4, le(43)}}},
+        {"cancelReceive", {integer(44)}, 0, 11, {{4, le(44)}}, body(11, {44, 0})},
+        {"cancelSend", {integer(45)}, 0, 12, {{4, le(45)}}, body(12, {45, 0})},
+        {"deleteSendFileCallback", {integer(42)}, 1},  // no callback under that task
+    });
     EXPECT_TRUE(service.received(10).empty());
-    EXPECT_EQ(readInt32(request(11), 4), 42);
-    EXPECT_EQ(readInt32(request(12), 4), 42);
-    EXPECT_EQ(callInt("deleteSendFileCallback", {integer(42)}), 0);
-    EXPECT_EQ(callInt("deleteSendFileCallback", {integer(42)}), 1) << "already gone";
+    EXPECT_TRUE(logged('W', kNative + "sendFile", kNative + "sendFile: jstringToString failure!"));
+    expectCalls({{"sendFile", sendFile(str("10.0.0.2")), 42, 13, {}, body(13, {42, 0})},
+                 {"deleteSendFileCallback", {integer(42)}, 0}});
 }
 
 TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
     registerApp(recorder(), nullptr);
     jobject in = recorder();
-    service.answer(15, body(15, {0}));
-    EXPECT_EQ(callInt("setReceiveOption", {str("/data/in"), in}), 0);
-    const Bytes option = request(15);
-    EXPECT_EQ(readText(option, 4, 260), "/data/in");
-    EXPECT_EQ(readField(option, 264, 3), "\1\1\1") << "rename, data and files wanted";
-    EXPECT_EQ(readInt32(option, 267), 1);
-
+    expectCalls({{"setReceiveOption", {str("/data/in"), in}, 0, 15, {{4, "/data/in\0"s}, {264, "\1\1\1"}, {267, le(1)}},
+                  body(15, {0})}});
     const Bytes peer = appRecord("peer", 12, 0, "10.0.0.9", "aa:bb:cc:dd:ee:ff", false);
-    service.push(B().i32(20).i32(1).i32(5).add(peer).i32(5).str("he\x01lo", 5));
+    service.push(dataEvent(5, peer, "he\x01lo"));
+    service.push(dataEvent(6, peer, ""));
+    service.push(fileEvent(19, 8, "in.bin", sendTag(12), peer));
     EXPECT_EQ(next(in), "onReceivingData 5 \"he\\x01lo\" 5 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
-    service.push(B().i32(20).i32(1).i32(6).add(peer).i32(0));
     EXPECT_EQ(next(in), "onReceivingData 6 \"\" 0 app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}");
-    service.push(fileEventHead(19, 8, "in.bin").add(sendTag(12)).add(peer));
-    EXPECT_EQ(next(in), "onReceivingFile fileEvent{5000000001,5000000002,5000000003,8,1,3,2,in.bin,10.0.0.9,12}");
+    EXPECT_EQ(next(in), "onReceivingFile " + kFileEvent + "8,1,3,2,in.bin,10.0.0.9,12}");
 
-    const char* optionClass = "com/quorvik/kolt/pelk/agent/ReceiveOption";
-    jobject target = make(optionClass, "()V");
+    jobject target = make(kOptionClass, "()V");
     EXPECT_EQ(callInt("getReceiveOption", {target}), 0);
     EXPECT_EQ(describe(target), "option{/data/in,true,1}");
-
     // The Java option goes out as it is, its folder cut to the field, and with no native
     // receive callbacks: from now on nothing is reported.
     const std::string folder = "/" + std::string(300, 'f');
-    EXPECT_EQ(callInt("setReceiveOptionX",
-                      {make(optionClass, "(Ljava/lang/String;ZI)V", str(folder), JNI_FALSE, 30), recorder()}),
-              0);
-    const Bytes optionX = request(15);
-    EXPECT_EQ(readText(optionX, 4, 260), folder.substr(0, 259));
-    EXPECT_EQ(readField(optionX, 264, 3), std::string(3, '\0'));
-    EXPECT_EQ(readInt32(optionX, 267), 30);
+    expectCalls({{"setReceiveOptionX", {make(kOptionClass, "(Ljava/lang/String;ZI)V", str(folder), JNI_FALSE, 30), recorder()},
+                  0, 15, {{4, folder.substr(0, 259) + '\0'}, {264, std::string(3, '\0')}, {267, le(30)}}}});
 }
 
 TEST_F(BridgeTest, MediaServersAndTheirContentComeBackAsJavaRecords) {
@@ -402,9 +418,9 @@ TEST_F(BridgeTest, MediaServersAndTheirContentComeBackAsJavaRecords) {
     servers.i32(22).i32(40);
     std::string expected;
     for (int i = 0; i < 40; ++i) {
-        servers.add(deviceRecord("NAS" + std::to_string(i), 0, "uuid:" + std::to_string(i), "10.0.0.5", i == 0));
-        expected += (i > 0 ? ", device{NAS" : "[device{NAS") + std::to_string(i) + ",0,uuid:" + std::to_string(i) +
-                    ",10.0.0.5," + (i == 0 ? "true}" : "false}");
+        const std::string n = std::to_string(i);
+        servers.add(deviceRecord("NAS" + n, 0, "uuid:" + n, "10.0.0.5", i == 0));
+        expected += (i > 0 ? ", " : "[") + ("device{NAS" + n + ",0,uuid:" + n + ",10.0.0.5,") + (i == 0 ? "true}" : "false}");
     }
     service.answer(22, servers.i32(0));
     EXPECT_EQ(describe(call("searchDMS", {})), expected + "]");
@@ -414,155 +430,98 @@ TEST_F(BridgeTest, MediaServersAndTheirContentComeBackAsJavaRecords) {
 
     // Java texts longer than their native fields are cut to the field's size.
     jobject server = device(std::string(300, 'n'), 0, "uuid:nas", "192.168.100.200:1", true);
+    const std::string movies = "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]";
     service.answer(24, B().i32(24).i32(1).add(fileRecord("1", "Movies")).i32(0));
-    EXPECT_EQ(describe(call("getRootFileList", {server})), "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]");
-    const Bytes root = request(24);
-    EXPECT_EQ(readField(root, 4, 260), std::string(260, 'n'));
-    EXPECT_EQ(readText(root, 268, 100), "uuid:nas");
-    EXPECT_EQ(readField(root, 368, 16), "192.168.100.200:");
-    EXPECT_EQ(readField(root, 384, 1), "\1");
-
+    EXPECT_EQ(describe(call("getRootFileList", {server})), movies);
     service.answer(25, body(25, {0, 0}));
     EXPECT_EQ(describe(call("getFileList", {server, file("1", "Movies")})), "null");
-    EXPECT_EQ(readText(request(25), 616 + 200, 100), "1");
     service.answer(26, B().i32(26).i32(1).add(fileRecord("1", "Movies")).i32(0));
-    EXPECT_EQ(describe(call("getParentFileList", {server, file("7", "Clip")})),
-              "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]");
-    EXPECT_EQ(readText(request(26), 616 + 300, 260), "Clip");
-
+    EXPECT_EQ(describe(call("getParentFileList", {server, file("7", "Clip")})), movies);
     service.answer(47, B().i32(47).i32(0).add(fileRecord("0", "Root")));
     jobject parent = make(kFileInfoClass, "()V");
-    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "Movies"), parent}), 0);
+    expectCalls({{"getParentDirectoryInfo", {file("1", "Movies"), parent}, 0, 47, {{204, "1\0"s}}},
+                 {"getParentDirectoryInfo", {file("2", "(null)"), parent}, 1001, -47}});
     EXPECT_EQ(describe(parent), "file{uuid:srv,0,0,Root,video,http://10.0.0.5/0}");
-    EXPECT_EQ(readText(request(47), 4 + 200, 100), "1");
-    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("2", "(null)"), parent}), 1001);
     EXPECT_TRUE(logged('W', "getFileInfo", "CallObjectMethod --> NULL == objectTitle"));
-}
-
-TEST_F(BridgeTest, CopiesReportToTheLatestListenerAndReleaseTheOneBefore) {
-    registerApp(recorder(), nullptr);
-    jobject first = recorder();
-    jobject second = recorder();
-    jobject server = device("NAS", 0, "uuid:nas", "10.0.0.5", false);
-    jobject files = array(kFileInfoClass, {file("1", "a"), file("2", "b")});
-    service.answer(40, body(40, {77, 0}));
-    EXPECT_EQ(callInt("downLoad", {server, files, first}), 77);
-    const Bytes down = request(40);
-    EXPECT_EQ(readText(down, 4, 260), "NAS");
-    EXPECT_EQ(readInt32(down, 1228), 2);
-    EXPECT_EQ(readText(down, 1232 + 1844 + 200, 100), "2");
-    EXPECT_TRUE(logged('I', kNative + "downLoad", "Success to downLoad.TaskID:[77]!"));
-
-    probeInt("globalRefs");
-    const int refs = probeInt("globalRefs");
-    service.answer(39, body(39, {78, 0}));
-    EXPECT_EQ(callInt("upLoad",
-                      {server, device("Phone", 0, "uuid:me", "127.0.0.1", true), files, file("9", "Inbox"), second}),
-              78);
-    EXPECT_EQ(probeInt("globalRefs"), refs) << "the first listener's references are released";
-    const Bytes up = request(39);
-    EXPECT_EQ(readText(up, 616, 260), "Phone");
-    EXPECT_EQ(readText(up, 1232 + 2 * 1844 + 200, 100), "9");
-
-    service.push(fileEventHead(41, 77, "a").add(sendTag(0)).add(deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false)));
-    EXPECT_EQ(next(second), "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,77,1,3,2,a,10.0.0.5,0}");
-    EXPECT_EQ(count(first), 0);
+    const std::vector<std::pair<int32_t, std::vector<std::pair<size_t, std::string>>>> sent = {
+        {24, {{4, std::string(260, 'n')}, {268, "uuid:nas\0"s}, {368, "192.168.100.200:"}, {384, "\1"}}},
+        {25, {{616 + 200, "1\0"s}}},
+        {26, {{616 + 300, "Clip\0"s}}},
+    };
+    for (const auto& fields : sent) {
+        for (const auto& field : fields.second) {
+            EXPECT_EQ(readField(request(fields.first), field.first, field.second.size()), field.second) << field.first;
+        }
+    }
 }
 
 TEST_F(BridgeTest, PlaybackAndServerControlsReachTheService) {
     registerApp(recorder(), nullptr);
-    jobject server = device("NAS", 0, "uuid:nas", "10.0.0.5", false);
     jobject renderer = device("TV", 1, "uuid:tv", "10.0.0.6", false);
-    service.answer(35, body(35, {0}));
-    EXPECT_EQ(callInt("playSelectedFile", {integer(2), server, array(kFileInfoClass, {file("1", "a")}), renderer}), 0);
-    // The facade hands its arguments to the agent in its own order, so the Java renderer is the
-    // request's first device.
-    const Bytes play = request(35);
-    EXPECT_EQ(readText(play, 4, 260), "TV");
-    EXPECT_EQ(readText(play, 616, 260), "NAS");
-    EXPECT_EQ(readInt32(play, 1228), 1);
-    EXPECT_EQ(readInt32(play, 1232 + 1844), 2);
-    EXPECT_EQ(readInt32(play, 1236 + 1844), 0);
-
-    const std::pair<const char*, int32_t> deviceControls[] = {{"stopCurPlayingFile", 36},
-                                                              {"pauseCurPlayingFile", 37},
-                                                              {"resumeCurPlayingFile", 38},
-                                                              {"enableContentListCache", 42},
-                                                              {"disableContentListCache", 43}};
-    for (const auto& control : deviceControls) {
-        service.answer(control.second, body(control.second, {0}));
-        EXPECT_EQ(callInt(control.first, {renderer}), 0) << control.first;
-        EXPECT_EQ(readText(request(control.second), 4, 260), "TV") << control.first;
-    }
-    EXPECT_TRUE(logged('D', "stopCurPlayingFile", "ActionAgentWrapper::stopCopyTransfer()"));
-
-    for (int32_t action : {27, 28, 29, 30, 31, 33}) {
+    for (int32_t action : {27, 28, 29, 30, 31, 33, 35, 36, 37, 38, 42, 43}) {
         service.answer(action, body(action, {0}));
     }
-    EXPECT_EQ(callInt("startDMS", {}), 0);
-    EXPECT_EQ(callInt("stopDMS", {}), 0);
-    EXPECT_EQ(callInt("rescanShareFolder", {}), 0);
-    EXPECT_EQ(callInt("setMyDMSName", {str("Den")}), 0);
-    EXPECT_EQ(readText(request(31), 4, 260), "Den");
-    EXPECT_EQ(callInt("stopCopyTransfer", {integer(77)}), 0);
-    EXPECT_EQ(readInt32(request(29), 4), 77);
-    for (int kind : {1, 7, -1}) {
-        EXPECT_EQ(callInt("rescanNetwork", {integer(kind)}), 0);
-    }
-    std::vector<int32_t> kinds;
-    for (const Bytes& rescan : service.received(33)) {
-        kinds.push_back(readInt32(rescan, 4));
-    }
-    EXPECT_EQ(kinds, (std::vector<int32_t>{1, 2, 2})) << "unknown kinds ask for all devices";
-    EXPECT_EQ(service.received(27).size() + service.received(28).size() + service.received(30).size(), 3u);
-
-    service.answer(27, body(27, {9}));
-    EXPECT_EQ(callInt("startDMS", {}), 9);
+    const std::vector<std::pair<size_t, std::string>> tv = {{4, "TV\0"s}};
+    expectCalls({
+        // The facade hands its arguments to the agent in its own order, so the Java renderer is
+        // the request's first device.
+        {"playSelectedFile", {integer(2), nas(), files({file("1", "a")}), renderer}, 0, 35,
+         {{4, "TV\0"s}, {616, "NAS\0"s}, {1228, le(1)}, {1232 + 1844, le(2)}, {1236 + 1844, le(0)}}},
+        {"stopCurPlayingFile", {renderer}, 0, 36, tv},
+        {"pauseCurPlayingFile", {renderer}, 0, 37, tv},
+        {"resumeCurPlayingFile", {renderer}, 0, 38, tv},
+        {"enableContentListCache", {renderer}, 0, 42, tv},
+        {"disableContentListCache", {renderer}, 0, 43, tv},
+        {"startDMS", {}, 0, 27},
+        {"stopDMS", {}, 0, 28},
+        {"rescanShareFolder", {}, 0, 30},
+        {"setMyDMSName", {str("Den")}, 0, 31, {{4, "Den\0"s}}},
+        {"stopCopyTransfer", {integer(77)}, 0, 29, {{4, le(77)}}},
+        // Unknown kinds ask for all devices.
+        {"rescanNetwork", {integer(1)}, 0, 33, {{4, le(1)}}},
+        {"rescanNetwork", {integer(7)}, 0, 33, {{4, le(2)}}},
+        {"rescanNetwork", {integer(-1)}, 0, 33, {{4, le(2)}}},
+        {"startDMS", {}, 9, 27, {}, body(27, {9})},
+    });
+    EXPECT_TRUE(logged('D', "stopCurPlayingFile", "ActionAgentWrapper::stopCopyTransfer()"));
     EXPECT_TRUE(logged('W', kNative + "startDMS", "Failed to startDMS[9]!======"));
     EXPECT_TRUE(logged('D', "startDMS", "ActionAgentWrapper::startDMS():nReturn for startDMS: 9"));
 }
 
 TEST_F(BridgeTest, NullArgumentsGiveTheirCodesAndNeverAJniError) {
-    EXPECT_EQ(callInt("registerApp", {nullptr, integer(3), recorder(), nullptr}), -1);
+    expectCalls({{"registerApp", {nullptr, integer(3), recorder(), nullptr}, -1, -1},
+                 {"registerApp", {str("demo"), integer(3), nullptr, nullptr}, -1, -1}});
     EXPECT_TRUE(logged('W', kNative + "registerApp", "Cannot convert appName!"));
-    EXPECT_EQ(callInt("registerApp", {str("demo"), integer(3), nullptr, nullptr}), -1);
     EXPECT_TRUE(logged('W', kNative + "registerApp", "local_interAppCallbackClass == NULL"));
     registerApp(recorder(), nullptr);
-
-    EXPECT_EQ(callInt("sendData", {nullptr, integer(5), str("10.0.0.2"), integer(12), boolean(false), integer(3)}),
-              1402)
-        << "no bytes: the agent's own code";
-    EXPECT_EQ(callInt("sendData", {bytes("x"), integer(1), nullptr, integer(12), boolean(false), integer(3)}), -1);
-    EXPECT_EQ(callInt("sendFile", {nullptr, str("10.0.0.2"), recorder(), integer(12), boolean(false), integer(0)}), 0);
-    EXPECT_EQ(callInt("sendFileList", {nullptr, str("10.0.0.2"), recorder(), integer(12), boolean(false), integer(0)}),
-              -1803)
-        << "no paths";
-    EXPECT_EQ(callInt("setReceiveOption", {nullptr, recorder()}), -1);
+    jobject server = nas();
+    jobject items = files({file("1", "a")});
+    jobject noUUID = make(kDeviceClass, kDeviceSignature, str("TV"), 1, nullptr, str("10.0.0.6"), JNI_FALSE);
+    expectCalls({
+        {"sendData", {nullptr, integer(5), str("10.0.0.2"), integer(12), boolean(false), integer(3)}, 1402, -18},
+        {"sendData", {bytes("x"), integer(1), nullptr, integer(12), boolean(false), integer(3)}, -1, -18},
+        {"sendFile", {nullptr, str("10.0.0.2"), recorder(), integer(12), boolean(false), integer(0)}, 0, -13},
+        {"sendFileList", {nullptr, str("10.0.0.2"), recorder(), integer(12), boolean(false), integer(0)}, -1803, -51},
+        {"setReceiveOption", {nullptr, recorder()}, -1, -15},
+        {"setReceiveOptionX", {nullptr, recorder()}, 1001, -15},
+        {"getReceiveOption", {nullptr}, 1001},
+        {"setMyDMSName", {nullptr}, -1, -31},
+        {"getParentDirectoryInfo", {file("1", "a"), nullptr}, 1001, -47},
+        {"enableContentListCache", {nullptr}, 1001, -42},
+        {"stopCurPlayingFile", {noUUID}, 1001, -36},
+        {"downLoad", {server, items, nullptr}, 1001, -40},
+        {"downLoad", {server, files({nullptr}), recorder()}, 1001, -40},
+        {"upLoad", {server, nullptr, items, file("9", "x"), recorder()}, 1001, -39},
+        {"playSelectedFile", {integer(0), server, items, nullptr}, 1001, -35},
+    });
     EXPECT_TRUE(logged('W', kNative + "setReceiveOption",
                        "Java_com_quorvik_hello_NativeLib_registerReceiver: jstringToString failure!"));
-    EXPECT_EQ(callInt("setReceiveOptionX", {nullptr, recorder()}), 1001);
-    EXPECT_EQ(callInt("getReceiveOption", {nullptr}), 1001);
-    EXPECT_EQ(callInt("setMyDMSName", {nullptr}), -1);
-
-    jobject server = device("NAS", 0, "uuid:nas", "10.0.0.5", false);
-    jobject files = array(kFileInfoClass, {file("1", "a")});
+    EXPECT_TRUE(logged('W', kNative + "enableContentListCache",
+                       "enableContentListCache --> (NULL == jenv) || (NULL == jdevice)!"));
+    EXPECT_TRUE(logged('W', "getDLNADevice", "CallObjectMethod --> NULL == UUID"));
     EXPECT_EQ(describe(call("getRootFileList", {nullptr})), "null");
     EXPECT_EQ(describe(call("getFileList", {server, nullptr})), "null");
     EXPECT_EQ(describe(call("getParentFileList", {nullptr, file("1", "a")})), "null");
-    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "a"), nullptr}), 1001);
-    EXPECT_EQ(callInt("enableContentListCache", {nullptr}), 1001);
-    EXPECT_TRUE(logged('W', kNative + "enableContentListCache",
-                       "enableContentListCache --> (NULL == jenv) || (NULL == jdevice)!"));
-    jobject noUUID = make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", str("TV"), 1,
-                          nullptr, str("10.0.0.6"), JNI_FALSE);
-    EXPECT_EQ(callInt("stopCurPlayingFile", {noUUID}), 1001);
-    EXPECT_TRUE(logged('W', "getDLNADevice", "CallObjectMethod --> NULL == UUID"));
-    EXPECT_EQ(callInt("downLoad", {server, files, nullptr}), 1001);
-    EXPECT_EQ(callInt("downLoad", {server, array(kFileInfoClass, {nullptr}), recorder()}), 1001) << "a null element";
-    EXPECT_EQ(callInt("upLoad", {server, nullptr, files, file("9", "x"), recorder()}), 1001);
-    EXPECT_EQ(callInt("playSelectedFile", {integer(0), server, files, nullptr}), 1001);
-    EXPECT_TRUE(service.received(39).empty() && service.received(40).empty() && service.received(35).empty() &&
-                service.received(36).empty());
 }
 
 // The link's callback thread is attached on its first event, dropped or not, and stays attached
@@ -575,12 +534,12 @@ TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndTheLinksThreadStaysA
     EXPECT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false),
                                        make("java/lang/Object", "()V")}),
               0);
-    service.push(B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)));
+    service.push(tcpStatus("10.0.0.2"));
     EXPECT_TRUE(pelktest::waitUntil([] { return logged('W', "OnDataSend", "methodID == NULL"); }, 5000, 10));
     EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "the dispatching thread is attached";
     EXPECT_EQ(probeInt("daemonThreads"), daemons + 1);
 
-    service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 2, "10.0.0.9", "", false)));
+    service.push(appEvent(1, appRecord("peer", 12, 2, "10.0.0.9", "", false)));
     EXPECT_EQ(next(apps), "onInterAppChange app{peer,12,2,10.0.0.9,,false} 1");
     EXPECT_EQ(probeInt("liveThreads"), threads + 1) << "a delivered event leaves it attached";
     EXPECT_EQ(callInt("unRegisterApp", {}), 0);
@@ -593,13 +552,13 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) 
     const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
     const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
     const std::vector<Bytes> events = {
-        B().i32(45).i32(0).i32(1).add(peer),
-        B().i32(32).i32(0).i32(1).add(nas),
-        B().i32(20).i32(1).i32(5).add(peer).i32(4).str("data", 4),
-        fileEventHead(19, 8, "in").add(sendTag(12)).add(peer),
-        fileEventHead(14, 42, "out").add(peer).add(sendTag(12)),
-        fileEventHead(41, 77, "copy").add(sendTag(0)).add(nas),
-        B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)),
+        appEvent(1, peer),
+        deviceEvent(1, nas),
+        dataEvent(5, peer, "data"),
+        fileEvent(19, 8, "in", sendTag(12), peer),
+        fileEvent(14, 42, "out", peer, sendTag(12)),
+        fileEvent(41, 77, "copy", sendTag(0), nas),
+        tcpStatus("10.0.0.2"),
     };
     const int kinds = static_cast<int>(events.size());
     const auto round = [&](int times) {
@@ -633,14 +592,13 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesOrThreadsBehind) 
 TEST_F(BridgeTest, UnloadReleasesTheSendAndReceiveListenersAndTheCachedClasses) {
     jobject r = recorder();
     registerApp(r, r);
-    service.answer(15, body(15, {0}));
-    service.answer(13, body(13, {42, 0}));
-    ASSERT_EQ(callInt("setReceiveOption", {str("/data/in"), r}), 0);
-    ASSERT_EQ(callInt("asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r}), 0);
-    ASSERT_EQ(callInt("sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}), 42);
-    ASSERT_EQ(callInt("sendFileList", {array("java/lang/String", {str("/data/a")}), str("10.0.0.2"), r, integer(12),
-                                       boolean(false), integer(0)}),
-              42);
+    expectCalls({{"setReceiveOption", {str("/data/in"), r}, 0, 15, {}, body(15, {0})},
+                 {"asynSendData", {bytes("x"), integer(1), str("10.0.0.2"), integer(12), boolean(false), r}, 0, 53},
+                 {"sendFile", {str("/data/a"), str("10.0.0.2"), r, integer(12), boolean(false), integer(0)}, 42, 13, {},
+                  body(13, {42, 0})},
+                 {"sendFileList", {array("java/lang/String", {str("/data/a")}), str("10.0.0.2"), r, integer(12),
+                                   boolean(false), integer(0)},
+                  42, 13}});
     probeInt("globalRefs");
     const int refs = probeInt("globalRefs");
 
@@ -655,9 +613,9 @@ TEST_F(BridgeTest, UnloadReleasesTheSendAndReceiveListenersAndTheCachedClasses) 
     EXPECT_EQ(probeInt("globalRefs"), refs - 12);
 
     // Events after unload find neither listener nor class: dropped, without a JNI error.
-    service.push(B().i32(20).i32(1).i32(5).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)).i32(1).str("x", 1));
+    service.push(dataEvent(5, appRecord("peer", 12, 0, "10.0.0.9", "", false), "x"));
     EXPECT_TRUE(pelktest::waitUntil([] { return logged('W', "OnDataReceive", "methodID == NULL"); }, 5000, 10));
-    service.push(B().i32(45).i32(0).i32(1).add(appRecord("peer", 12, 0, "10.0.0.9", "", false)));
+    service.push(appEvent(1, appRecord("peer", 12, 0, "10.0.0.9", "", false)));
     EXPECT_TRUE(
         pelktest::waitUntil([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }, 5000, 10));
     EXPECT_EQ(count(r), 0);
@@ -673,22 +631,15 @@ TEST_F(BridgeTest, EveryJavaTextReachesTheServiceAsUtf8CutOnACharacterBoundary) 
         service.answer(action, body(action, {0, 0}));
     }
     jobject r = recorder();
-    const char* optionClass = "com/quorvik/kolt/pelk/agent/ReceiveOption";
     const auto ip = [&](jstring t) { return std::vector<jobject>{bytes("x"), integer(1), t, integer(12), boolean(false)}; };
     const auto plus = [](std::vector<jobject> head, std::vector<jobject> tail) {
         head.insert(head.end(), tail.begin(), tail.end());
         return head;
     };
     const auto deviceOf = [&](jstring name, jstring uuid, jstring address) {
-        return make(kDeviceClass, "(Ljava/lang/String;ILjava/lang/String;Ljava/lang/String;Z)V", name, 0, uuid,
-                    address, JNI_FALSE);
+        return make(kDeviceClass, kDeviceSignature, name, 0, uuid, address, JNI_FALSE);
     };
-    const auto fileOf = [&](jstring t) {
-        return make(kFileInfoClass,
-                    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
-                    "Ljava/lang/String;)V",
-                    t, t, t, t, t, t);
-    };
+    const auto fileOf = [&](jstring t) { return make(kFileInfoClass, kFileInfoSignature, t, t, t, t, t, t); };
     const struct {
         const char* method;
         std::function<std::vector<jobject>(jstring)> args;
@@ -710,7 +661,7 @@ TEST_F(BridgeTest, EveryJavaTextReachesTheServiceAsUtf8CutOnACharacterBoundary) 
          51, {8, 536}},
         {"setReceiveOption", [&](jstring t) { return std::vector<jobject>{t, r}; }, 15, {4}},
         {"setReceiveOptionX",
-         [&](jstring t) { return std::vector<jobject>{make(optionClass, "(Ljava/lang/String;ZI)V", t, JNI_FALSE, 1), r}; },
+         [&](jstring t) { return std::vector<jobject>{make(kOptionClass, "(Ljava/lang/String;ZI)V", t, JNI_FALSE, 1), r}; },
          15, {4}},
         {"setMyDMSName", [&](jstring t) { return std::vector<jobject>{t}; }, 31, {4}},
         {"getRootFileList", [&](jstring t) { return std::vector<jobject>{deviceOf(t, t, t)}; }, 24, {4, 268, 368}},
@@ -771,27 +722,26 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         const Bytes app = appRecord(b(260), 12, 2, b(16), b(18), true);
         const Bytes dev = deviceRecord(b(260), 1, b(100), b(16), false);
         const std::u16string appJava = u"app{" + j(260) + u",12,2," + j(16) + u"," + j(18) + u",true}";
-        const std::u16string fileEvent = u"fileEvent{5000000001,5000000002,5000000003,";
+        const std::u16string eventHead = u"fileEvent{5000000001,5000000002,5000000003,";
         const std::u16string item = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," + j(260) +
                                     u"," + j(1024) + u"}";
 
-        service.push(B().i32(45).i32(0).i32(1).add(app));
+        service.push(appEvent(1, app));
         EXPECT_EQ(text16(nextCall(r)), u"onInterAppChange " + appJava + u" 1");
-        service.push(B().i32(32).i32(0).i32(2).add(dev));
+        service.push(deviceEvent(2, dev));
         EXPECT_EQ(text16(nextCall(r)),
                   u"onDLNADeviceChange device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false} 2");
-        service.push(B().i32(20).i32(1).i32(5).add(app).i32(1).str("x", 1));
+        service.push(dataEvent(5, app, "x"));
         EXPECT_EQ(text16(nextCall(r)), u"onReceivingData 5 \"x\" 1 " + appJava);
-        service.push(fileEventHead(19, 8, b(260)).add(sendTag(12)).add(app));
-        EXPECT_EQ(text16(nextCall(r)), u"onReceivingFile " + fileEvent + u"8,1,3,2," + j(260) + u"," + j(16) + u",12}");
-        service.push(fileEventHead(14, 42, b(260)).add(app).add(sendTag(12)));
-        EXPECT_EQ(text16(nextCall(r)), u"onSendingFile " + fileEvent + u"42,1,3,2," + j(260) + u"," + j(16) + u",12}");
-        service.push(fileEventHead(41, 77, b(260)).add(sendTag(0)).add(dev));
-        EXPECT_EQ(text16(nextCall(r)), u"onDLNAFileCopy " + fileEvent + u"77,1,3,2," + j(260) + u"," + j(16) + u",0}");
+        service.push(fileEvent(19, 8, b(260), sendTag(12), app));
+        EXPECT_EQ(text16(nextCall(r)), u"onReceivingFile " + eventHead + u"8,1,3,2," + j(260) + u"," + j(16) + u",12}");
+        service.push(fileEvent(14, 42, b(260), app, sendTag(12)));
+        EXPECT_EQ(text16(nextCall(r)), u"onSendingFile " + eventHead + u"42,1,3,2," + j(260) + u"," + j(16) + u",12}");
+        service.push(fileEvent(41, 77, b(260), sendTag(0), dev));
+        EXPECT_EQ(text16(nextCall(r)), u"onDLNAFileCopy " + eventHead + u"77,1,3,2," + j(260) + u"," + j(16) + u",0}");
 
         service.answer(44, B().i32(44).i32(1).add(app).i32(0));
-        EXPECT_EQ(text16(described(call("searchInteractionApp", {}))),
-                  u"[" + appJava + u"]");
+        EXPECT_EQ(text16(described(call("searchInteractionApp", {}))), u"[" + appJava + u"]");
         service.answer(22, B().i32(22).i32(1).add(dev).i32(0));
         EXPECT_EQ(text16(described(call("searchDMS", {}))),
                   u"[device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false}]");
@@ -810,7 +760,7 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     const std::string address = "\xF0\x9F\x8E\x89 party";
     EXPECT_EQ(callInt("asynSendData", {bytes("x"), integer(1), jtext(u"\U0001F389 party"), integer(12), boolean(false), r}),
               0);
-    service.push(B().i32(54).i32(0).i32(2).str(address, 16).i32(12).add(sendTag(12)));
+    service.push(tcpStatus(address));
     EXPECT_EQ(text16(nextCall(r)), u"onSendingData data{0,2,12,\U0001F389 party}");
 }
 

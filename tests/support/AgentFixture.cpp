@@ -12,57 +12,52 @@ CallbackRecorder& CallbackRecorder::instance() {
     return recorder;
 }
 
-void CallbackRecorder::onApp(const PELK::InteractionApp* app, int status, void* user) {
+namespace {
+
+CallbackRecord recordOf(const char* kind, int status, void* user) {
     CallbackRecord record;
-    record.kind = "app";
+    record.kind = kind;
     record.status = status;
     record.user = user;
+    return record;
+}
+
+}  // namespace
+
+void CallbackRecorder::onApp(const PELK::InteractionApp* app, int status, void* user) {
+    CallbackRecord record = recordOf("app", status, user);
     record.app = *app;
     instance().record(record);
 }
 
 void CallbackRecorder::onDevice(const PELK::DLNADevice* device, int status, void* user) {
-    CallbackRecord record;
-    record.kind = "device";
-    record.status = status;
-    record.user = user;
+    CallbackRecord record = recordOf("device", status, user);
     record.device = *device;
     instance().record(record);
 }
 
 void CallbackRecorder::onData(PELK::data_transfer_event event, void* user) {
-    CallbackRecord record;
-    record.kind = "data";
-    record.user = user;
+    CallbackRecord record = recordOf("data", 0, user);
     record.dataEvent = event;
     instance().record(record);
 }
 
 void CallbackRecorder::onFile(PELK::file_transfer_event event, void* user) {
-    CallbackRecord record;
-    record.kind = "file";
-    record.user = user;
+    CallbackRecord record = recordOf("file", 0, user);
     record.fileEvent = event;
     instance().record(record);
 }
 
 void CallbackRecorder::onReceiveData(int type, const char* data, int len, void* user,
                                      const PELK::InteractionApp* sender) {
-    CallbackRecord record;
-    record.kind = "receive-data";
-    record.status = type;
-    record.user = user;
+    CallbackRecord record = recordOf("receive-data", type, user);
     record.app = *sender;
-    if (len > 0) {
-        record.data.assign(data, data + len);
-    }
+    record.data.assign(data, data + (len > 0 ? len : 0));
     instance().record(record);
 }
 
 void CallbackRecorder::onReceiveFile(PELK::file_transfer_event event, void* user) {
-    CallbackRecord record;
-    record.kind = "receive-file";
-    record.user = user;
+    CallbackRecord record = recordOf("receive-file", 0, user);
     record.fileEvent = event;
     instance().record(record);
 }
@@ -117,11 +112,6 @@ void CallbackRecorder::runInside(const std::string& kind, std::function<void()> 
     m_action = std::move(action);
 }
 
-std::vector<char> dispatchFrame(const Bytes& body) {
-    const Bytes whole = frame(body);
-    return std::vector<char>(whole.begin(), whole.end());
-}
-
 void AgentTest::SetUp() {
     ASSERT_TRUE(service->listening()) << "127.0.0.1:20014 is taken";
     callbacks.clear();
@@ -163,8 +153,8 @@ bool AgentTest::waitForAppID(int appID, int timeoutMs) {
 }
 
 void AgentTest::dispatch(const Bytes& body) {
-    std::vector<char> whole = dispatchFrame(body);
-    PELK::Agent::ActionAgent::onActionReceived(whole.data(), agent.get());
+    Bytes whole = frame(body);
+    PELK::Agent::ActionAgent::onActionReceived(reinterpret_cast<char*>(whole.data()), agent.get());
 }
 
 }  // namespace pelktest

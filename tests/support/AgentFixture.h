@@ -68,9 +68,6 @@ private:
     std::function<void()> m_action;
 };
 
-// A whole frame for the dispatcher: the length word, then the body.
-std::vector<char> dispatchFrame(const Bytes& body);
-
 class AgentTest : public ::testing::Test {
 protected:
     static constexpr int kAppID = 7;       // what the fake service assigns

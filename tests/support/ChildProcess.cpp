@@ -9,6 +9,8 @@
 #include <csignal>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 #include "support/TempDir.h"
 #include "support/Waits.h"
 
@@ -79,6 +81,15 @@ std::string ChildProcess::output() const {
 
 bool ChildProcess::awaitOutput(const std::string& text, int timeoutMs) const {
     return waitUntil([&] { return output().find(text) != std::string::npos; }, timeoutMs, 20);
+}
+
+std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath,
+                                            int timeoutMs) {
+    auto emulator = std::make_unique<ChildProcess>(argv, outputPath);
+    if (!emulator->awaitOutput("listening on 127.0.0.1:20014", timeoutMs)) {
+        ADD_FAILURE() << "the emulator did not start:\n" << emulator->output();
+    }
+    return emulator;
 }
 
 int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,

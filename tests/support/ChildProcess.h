@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,11 @@ private:
 
 // Runs a program to its end (at most timeoutMs) and returns its exit status; its output is
 // appended to output.
+// Starts the emulator (argv: its path, then its arguments) and waits until it listens on the
+// service's port; a test failure, with its output, when it does not within timeoutMs.
+std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath,
+                                            int timeoutMs = 30000);
+
 int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,
              int timeoutMs = 60000);
 

@@ -18,11 +18,6 @@ namespace pelktest {
 
 namespace {
 
-int64_t nowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 uint32_t readLittleEndian32(const uint8_t* at) {
     return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
            static_cast<uint32_t>(at[3]) << 24;
@@ -72,6 +67,63 @@ int32_t readInt32(const Bytes& bytes, size_t offset) {
 std::string readText(const Bytes& bytes, size_t offset, size_t size) {
     const std::string field = readField(bytes, offset, size);
     return field.substr(0, strnlen(field.c_str(), size));
+}
+
+// ---------------------------------------------------------------------------------------------
+// FrameRecorder
+
+void FrameRecorder::onAction(char* frame, void* user) {
+    FrameRecorder* self = static_cast<FrameRecorder*>(user);
+    std::shared_ptr<std::function<void(char*)>> inside;
+    {
+        std::lock_guard<std::mutex> guard(self->m_mutex);
+        inside = self->m_inside;
+    }
+    if (inside) {
+        (*inside)(frame);
+    }
+    std::lock_guard<std::mutex> guard(self->m_mutex);
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(frame);
+    self->m_frames.push_back(frame == nullptr ? Bytes() : Bytes(bytes, bytes + 4 + readLittleEndian32(bytes)));
+    self->m_changed.notify_all();
+}
+
+void FrameRecorder::setInside(std::function<void(char* frame)> inside) {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_inside = std::make_shared<std::function<void(char*)>>(std::move(inside));
+}
+
+size_t FrameRecorder::countLocked(int32_t actionID) const {
+    size_t count = 0;
+    for (const Bytes& frame : m_frames) {
+        count += actionID < 0 || (frame.empty() ? 0 : readLittleEndian32(frame.data() + 4)) == static_cast<uint32_t>(actionID);
+    }
+    return count;
+}
+
+bool FrameRecorder::waitFor(int32_t actionID, size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                              [&] { return countLocked(actionID) >= count; });
+}
+
+std::vector<Bytes> FrameRecorder::frames() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_frames;
+}
+
+std::vector<int32_t> FrameRecorder::ids() const {
+    std::vector<int32_t> result;
+    for (const Bytes& frame : frames()) {
+        result.push_back(frame.empty() ? 0 : static_cast<int32_t>(readLittleEndian32(frame.data() + 4)));
+    }
+    return result;
+}
+
+void FrameRecorder::clear() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_frames.clear();
+    m_inside.reset();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -125,7 +177,10 @@ void FakeService::on(int32_t actionID, Handler handler) {
 }
 
 void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) {
-    on(actionID, [replyBody, delayMs](const Bytes&) { return std::vector<Reply>{{replyBody, delayMs}}; });
+    on(actionID, [replyBody, delayMs](const Bytes&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        return std::vector<Bytes>{replyBody};
+    });
 }
 
 bool FakeService::push(const Bytes& messageBody) {
@@ -137,20 +192,12 @@ bool FakeService::sendRaw(const Bytes& bytes) {
     return awaitClient(lock) && writeAll(bytes.data(), bytes.size());
 }
 
-void FakeService::closeConnection() {
+void FakeService::closeConnection(bool reset) {
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         awaitClient(lock);
     }
-    dropClient(false);
-}
-
-void FakeService::resetConnection() {
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        awaitClient(lock);
-    }
-    dropClient(true);
+    dropClient(reset);
 }
 
 void FakeService::stallReading(bool stalled) {
@@ -171,11 +218,6 @@ bool FakeService::waitForConnections(int count, int timeoutMs) {
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_connections >= count; });
 }
 
-bool FakeService::waitForFrames(size_t count, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_received.size() >= count; });
-}
-
 bool FakeService::waitForClientClose(int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_clientFd < 0; });
@@ -184,11 +226,6 @@ bool FakeService::waitForClientClose(int timeoutMs) {
 void FakeService::keepBodies(bool keep) {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_keepBodies = keep;
-}
-
-std::vector<Bytes> FakeService::received() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_received;
 }
 
 std::vector<Bytes> FakeService::received(int32_t actionID) const {
@@ -241,25 +278,11 @@ void FakeService::dropClient(bool reset) {
     close(m_clientFd);
     m_clientFd = -1;
     m_inbox.clear();
-    m_pending.clear();
     m_changed.notify_all();
     if (m_wakeFds[1] >= 0) {
         const char wake = 'd';
         (void)!write(m_wakeFds[1], &wake, 1);
     }
-}
-
-int FakeService::waitTimeoutMs() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    if (m_pending.empty()) {
-        return -1;
-    }
-    int64_t next = m_pending.front().dueMs;
-    for (const Pending& pending : m_pending) {
-        next = std::min(next, pending.dueMs);
-    }
-    const int64_t wait = next - nowMs();
-    return wait < 0 ? 0 : static_cast<int>(wait);
 }
 
 void FakeService::serve() {
@@ -276,7 +299,7 @@ void FakeService::serve() {
         }
         struct pollfd fds[3] = {{m_listenFd, POLLIN, 0}, {m_wakeFds[0], POLLIN, 0}, {clientFd, POLLIN, 0}};
         const nfds_t count = clientFd >= 0 && !stalled ? 3 : 2;
-        int ready = poll(fds, count, waitTimeoutMs());
+        int ready = poll(fds, count, -1);
         if (ready < 0 && errno != EINTR) {
             return;
         }
@@ -298,7 +321,6 @@ void FakeService::serve() {
                 dropClient(false);
             }
         }
-        flushDue();
     }
 }
 
@@ -365,30 +387,13 @@ bool FakeService::readFromClient() {
 }
 
 void FakeService::handleFrame(const Bytes& frameBody, Handler handler) {
-    if (!handler) {
-        return;
-    }
-    const std::vector<Reply> replies = handler(frameBody);
-    std::lock_guard<std::mutex> guard(m_mutex);
-    const int64_t now = nowMs();
-    int64_t due = now;
-    for (const Reply& reply : replies) {
-        // Replies keep their order even when an earlier one is late.
-        due = std::max(due, now + reply.delayMs);
-        m_pending.push_back(Pending{due, frame(reply.body)});
-    }
-}
-
-void FakeService::flushDue() {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    const int64_t now = nowMs();
-    for (auto pending = m_pending.begin(); pending != m_pending.end();) {
-        if (pending->dueMs > now) {
-            ++pending;
-            continue;
+    if (handler) {
+        const std::vector<Bytes> replies = handler(frameBody);
+        std::lock_guard<std::mutex> guard(m_mutex);
+        for (const Bytes& reply : replies) {
+            const Bytes whole = frame(reply);
+            writeAll(whole.data(), whole.size());
         }
-        writeAll(pending->bytes.data(), pending->bytes.size());
-        pending = m_pending.erase(pending);
     }
 }
 

@@ -12,6 +12,7 @@
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -80,17 +81,37 @@ int32_t readInt32(const Bytes& bytes, size_t offset);
 // A text field up to its terminator.
 std::string readText(const Bytes& bytes, size_t offset, size_t size);
 
+// What a link's action callback is given, frame by frame: each frame whole (length word first), the
+// null frame as an empty entry. A step set with setInside runs inside the callback first, on the
+// callback's thread. Any thread may call its methods.
+class FrameRecorder {
+public:
+    static void onAction(char* frame, void* user);
+    void setInside(std::function<void(char* frame)> inside);
+    // Waits until `count` frames (or, with an ID, frames of that action ID; 0 = null) have arrived.
+    bool waitFor(size_t count, int timeoutMs = 8000) { return waitFor(-1, count, timeoutMs); }
+    bool waitFor(int32_t actionID, size_t count, int timeoutMs);
+    std::vector<Bytes> frames() const;
+    // Action IDs in arrival order; 0 marks the null frame.
+    std::vector<int32_t> ids() const;
+    void clear();
+
+private:
+    size_t countLocked(int32_t actionID) const;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Bytes> m_frames;
+    std::shared_ptr<std::function<void(char*)>> m_inside;  // shared: a step keeps its state
+};
+
 class FakeService {
 public:
     static constexpr int kPort = 20014;
 
-    // One scripted answer: the body to send back, after delayMs milliseconds.
-    struct Reply {
-        Bytes body;
-        int delayMs = 0;
-    };
-    // Decides the answers to one request (given as its body, action ID first); none = silence.
-    using Handler = std::function<std::vector<Reply>(const Bytes& request)>;
+    // Decides the bodies that answer one request (given as its body, action ID first); none =
+    // silence. It runs on the service's thread, which reads nothing more until it returns.
+    using Handler = std::function<std::vector<Bytes>(const Bytes& request)>;
 
     FakeService();
     ~FakeService();
@@ -102,7 +123,7 @@ public:
 
     // Scripts the answers to every request with this action ID (replacing an earlier script).
     void on(int32_t actionID, Handler handler);
-    // Shorthand: answer every such request with this body, optionally late.
+    // Shorthand: answer every such request with this body, optionally delayMs late.
     void answer(int32_t actionID, const Bytes& replyBody, int delayMs = 0);
 
     // Sends one frame carrying body to the connected client. This and the following three wait
@@ -111,21 +132,17 @@ public:
     // Sends bytes as they are (fragments, bad length words).
     bool sendRaw(const Bytes& bytes);
     // Ends the current connection with an orderly close, or with a reset.
-    void closeConnection();
-    void resetConnection();
+    void closeConnection(bool reset = false);
     // While stalled the service reads nothing, so the client's requests fill the socket buffers.
     void stallReading(bool stalled);
 
     // Waits until `count` connections have been accepted in all.
     bool waitForConnections(int count, int timeoutMs = 5000);
-    // Waits until at least `count` frames have been received in all.
-    bool waitForFrames(size_t count, int timeoutMs = 5000);
     // Waits until the client has closed the current connection (or none is open).
     bool waitForClientClose(int timeoutMs = 5000);
-    // Bodies of the frames received so far, oldest first; or only those with this action ID.
-    // Without keeping (a long run that only counts) no body is kept, so memory stays flat.
+    // Bodies of the frames with this action ID received so far, oldest first. Without keeping
+    // (a long run that only counts) no body is kept, so memory stays flat.
     void keepBodies(bool keep);
-    std::vector<Bytes> received() const;
     std::vector<Bytes> received(int32_t actionID) const;
     // Waits until at least `count` requests with this action ID have been received in all.
     bool waitForRequests(int32_t actionID, size_t count, int timeoutMs = 5000);
@@ -133,20 +150,13 @@ public:
     int connections() const;
 
 private:
-    struct Pending {
-        int64_t dueMs;
-        Bytes bytes;
-    };
-
     void serve();
     void acceptClient();
     bool readFromClient();
     void handleFrame(const Bytes& frameBody, Handler handler);
-    void flushDue();
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
     bool awaitClient(std::unique_lock<std::mutex>& lock);
-    int waitTimeoutMs() const;
 
     int m_listenFd = -1;
     int m_wakeFds[2] = {-1, -1};
@@ -159,7 +169,6 @@ private:
     bool m_keepBodies = true;
     std::map<int32_t, size_t> m_receivedCounts;  // by action ID, so that a wait over a backlog stays cheap
     std::map<int32_t, Handler> m_handlers;
-    std::vector<Pending> m_pending;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::thread m_thread;

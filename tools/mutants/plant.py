@@ -4,12 +4,15 @@ should catch it and restores the file, so that the suites' power can be checked 
 
   tools/isolated.sh tools/mutants/plant.py                 every fault, against its named tests
   tools/isolated.sh tools/mutants/plant.py --all-tests F3  one fault, against every suite but the soaks
+  ... --table tools/mutants/results.txt   also write the verdicts, with the tests that failed, to a
+                                          table; a run of some faults updates their rows only
 
 A fault is caught when a test fails or times out; a fault that no longer applies (its text is not
 found exactly once) or does not compile is reported as such, never as caught. Exit 1 when any
 fault survives or no longer applies. Needs the port of the service, so run it in tools/isolated.sh.
 """
 import argparse
+import json
 import os
 import re
 import subprocess
@@ -58,7 +61,22 @@ def run(cmd, timeout=None, quiet=True):
 
 
 def failing_tests(output):
-    return sorted(set(re.findall(r"\d+ - (\S+) \((?:Failed|Timeout|SEGFAULT|Subprocess)", output)))
+    return sorted(set(re.findall(r"\d+ - (\S+) \((?:Failed|Timeout|SEGFAULT|Subprocess|Exception)", output)))
+
+
+def suites_of_tests(build_dir):
+    """Test name -> its suite (the label that names the executable), for the table."""
+    listed = run(["ctest", "--test-dir", build_dir, "--show-only=json-v1"])[1]
+    try:
+        tests = json.loads(listed).get("tests", [])
+    except ValueError:
+        return {}
+    suites = {}
+    for test in tests:
+        labels = [p["value"] for p in test.get("properties", []) if p.get("name") == "LABELS"]
+        names = [label for label in (labels[0] if labels else []) if label.endswith("_test")]
+        suites[test["name"]] = names[0] if names else ""
+    return suites
 
 
 def targets_for(labels):
@@ -98,6 +116,30 @@ def plant(fault, build_dir, all_tests):
             f.write(original)
 
 
+TABLE_HEAD = "# Fault verdicts (tools/mutants/plant.py --table): ID, verdict, the tests that failed.\n"
+
+
+def write_table(path, faults, rows):
+    """Keeps the rows of faults not run this time, in the order of faults.txt."""
+    old, ident, notes = {}, None, []
+    if os.path.exists(path):
+        with open(path, encoding="utf-8") as f:
+            for line in f:
+                if line.startswith("# ") and line != TABLE_HEAD:
+                    notes.append(line)  # what the table was run against, kept as written
+                elif line.startswith("## "):
+                    ident = line[3:].split(" ", 1)[0]
+                    old[ident] = line
+                elif ident and line.startswith("   "):
+                    old[ident] += line
+    old.update(rows)
+    with open(path, "w", encoding="utf-8") as f:
+        f.write(TABLE_HEAD + "".join(notes))
+        for fault in read_faults(FAULTS):
+            if fault["id"] in old:
+                f.write(old[fault["id"]])
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("ids", nargs="*", help="fault IDs (default: all)")
@@ -105,6 +147,7 @@ def main():
                         help="run every suite but the soaks instead of the fault's named tests")
     parser.add_argument("--build-dir", default="build-mutants")
     parser.add_argument("--list", action="store_true", help="list the faults and exit")
+    parser.add_argument("--table", metavar="FILE", help="write the verdicts to this table")
     args = parser.parse_args()
 
     faults = read_faults(FAULTS)
@@ -123,13 +166,26 @@ def main():
         print(out)
         sys.exit("the unmodified tree does not build")
 
-    bad = 0
+    suites = suites_of_tests(build_dir)
+    bad, rows = 0, {}
     for fault in faults:
         start = time.monotonic()
         verdict, detail = plant(fault, build_dir, args.all_tests)
         bad += verdict != "caught"
         print(f"{fault['id']:5} {verdict:9} {time.monotonic() - start:6.0f} s  {fault['title']}"
               f"{'  -- ' + detail if detail else ''}", flush=True)
+        if verdict == "caught" and detail in ("the run hung", "the run failed"):
+            caught_by = [detail]
+        elif verdict == "caught":
+            names = detail.split()
+            caught_by = [f"{suites.get(name, '?')}:{name}" for name in names[:3]]
+            caught_by += [f"(and {len(names) - 3} more)"] if len(names) > 3 else []
+        else:
+            caught_by = [detail] if detail else []
+        rows[fault["id"]] = (f"## {fault['id']} {verdict}: {fault['title']}\n"
+                             + "".join(f"   {line}\n" for line in caught_by))
+        if args.table:
+            write_table(args.table, faults, rows)
     # Leave the build matching the restored tree.
     run(["cmake", "--build", build_dir, "--parallel", str(os.cpu_count() or 2)])
     print(f"{len(faults) - bad} of {len(faults)} faults caught")
