@@ -8,9 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "ServiceCodes.h"
@@ -37,10 +35,9 @@ constexpr int kReconnectMs = 30000;
 class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        mkdir(dir.file("media").c_str(), 0755);
-        mkdir(dir.file("media/Music").c_str(), 0755);
-        mkdir(dir.file("alice").c_str(), 0755);
-        mkdir(dir.file("tester").c_str(), 0755);
+        for (const char* folder : {"media", "media/Music", "alice", "tester", "downloads"}) {
+            mkdir(dir.file(folder).c_str(), 0755);
+        }
         dir.write("media/Music/track.mp3", pattern(3 << 20, 1));
         dir.write("media/readme.txt", "served by the emulator");
         startEmulator();
@@ -85,6 +82,22 @@ protected:
         return pelktest::runToEnd(argv, dir.file("bob.out"), output);
     }
 
+    // Runs each pelk command as bob: it exits with its status and says each of its texts.
+    struct Run {
+        std::vector<std::string> args;
+        int status;
+        std::vector<std::string> says;
+    };
+    void expectRuns(const std::vector<Run>& runs) {
+        for (const Run& run : runs) {
+            std::string output;
+            EXPECT_EQ(run.status, pelk(run.args, output)) << run.args.at(0) << ":\n" << output;
+            for (const std::string& text : run.says) {
+                EXPECT_NE(std::string::npos, output.find(text)) << run.args.at(0) << " does not say " << text;
+            }
+        }
+    }
+
     // The agent's app callback has reported name with this status.
     bool appeared(const std::string& name, int status = Agent::APP_STATUS_CHANGE_ADD) {
         return pelktest::waitUntil(
@@ -111,13 +124,25 @@ protected:
         return InteractionApp();
     }
 
-    // The progress events of one transfer move forward and end at the whole list.
+    // Sends the files to alice, with the callback that records "file" events; the task's ID.
+    uint32_t sendToAlice(const std::vector<std::string>& list) {
+        uint32_t taskID = 0;
+        const InteractionApp target = appNamed("alice");
+        EXPECT_EQ(0, agent.sendFileList(&list, &target, CallbackRecorder::onFile, nullptr, &taskID, false, 0));
+        return taskID;
+    }
+
+    // The progress events of one transfer move forward and end at the whole list (the receiver
+    // may tell of it before the sender hears its last event).
     void expectMonotonicToTheTotal(const char* kind, uint64_t total) {
         std::vector<file_transfer_event> events;
-        for (const CallbackRecord& record : callbacks.of(kind)) {
-            events.push_back(record.fileEvent);
-        }
-        ASSERT_FALSE(events.empty());
+        ASSERT_TRUE(pelktest::waitUntil([&] {
+            events.clear();
+            for (const CallbackRecord& record : callbacks.of(kind)) {
+                events.push_back(record.fileEvent);
+            }
+            return !events.empty() && events.back().nEventType == FILE_EVENT_LIST_DONE;
+        }, kWaitMs, 20));
         uint64_t before = 0;
         int64_t file = 0;
         for (const file_transfer_event& event : events) {
@@ -127,7 +152,6 @@ protected:
             before = event.ullCurrentSize;
             EXPECT_EQ(total, event.ullListTotalSize);
         }
-        EXPECT_EQ(FILE_EVENT_LIST_DONE, events.back().nEventType);
         EXPECT_EQ(events.back().nTotalCount, events.back().nCurrentCount);
     }
 
@@ -148,44 +172,24 @@ TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
     EXPECT_TRUE(alice->awaitOutput("data from \"tester\" 127.0.0.1:" + std::to_string(agent.getAppID()) +
                                    " (tcp, 11 bytes): hello alice"));
 
-    std::string output;
-    ASSERT_EQ(0, pelk({"send", "--to", "tester", "hello tester"}, output)) << output;
+    expectRuns({{{"send", "--to", "tester", "hello tester"}, 0, {}},
+                {{"apps"}, 0, {"number 11  \"alice\"", "number 12  \"tester\""}}});
     ASSERT_TRUE(callbacks.waitFor("receive-data", 1, kWaitMs));
     const CallbackRecord received = callbacks.of("receive-data").at(0);
     EXPECT_EQ("hello tester", std::string(received.data.begin(), received.data.end()));
     EXPECT_STREQ("bob", received.app.szAppName);
-
-    ASSERT_EQ(0, pelk({"apps"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("number 11  \"alice\""));
-    EXPECT_NE(std::string::npos, output.find("number 12  \"tester\""));
 }
 
 TEST_F(EndToEndTest, FilesArriveByteIdenticalWithProgressEndingAtTheTotal) {
     const std::string big = dir.write("big.bin", pattern(10 << 20, 2));
-    std::string output;
-    ASSERT_EQ(0, pelk({"send-file", "--to", "alice", big}, output)) << output;
-    uint64_t before = 0;
-    uint64_t last = 0;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        unsigned long long done = 0;
-        unsigned long long total = 0;
-        if (sscanf(line.c_str(), "progress 1/1 big.bin %*u/%*u %llu/%llu", &done, &total) == 2) {
-            last = done;
-            EXPECT_GE(last, before);
-            before = last;
-            EXPECT_EQ(10u << 20, total);
-        }
-    }
-    EXPECT_EQ(10u << 20, last);
+    // The progress that pelk prints ends at the whole file.
+    expectRuns({{{"send-file", "--to", "alice", big}, 0, {"1/1 big.bin 10485760/10485760 10485760/10485760"}}});
     ASSERT_TRUE(alice->awaitOutput("file received: " + dir.file("alice/big.bin")));
     EXPECT_TRUE(readFile(big) == readFile(dir.file("alice/big.bin")));
 
     const std::vector<std::string> list = {dir.write("one.txt", pattern(100000, 3)), dir.write("two.txt", ""),
                                            dir.write("three.bin", pattern(300000, 4))};
-    uint32_t taskID = 0;
-    const InteractionApp target = appNamed("alice");
-    ASSERT_EQ(0, agent.sendFileList(&list, &target, CallbackRecorder::onFile, nullptr, &taskID, false, 0));
+    const uint32_t taskID = sendToAlice(list);
     ASSERT_TRUE(alice->awaitOutput("three.bin (300000 bytes)", kWaitMs));
     expectMonotonicToTheTotal("file", 400000);
     EXPECT_EQ(taskID, static_cast<uint32_t>(callbacks.of("file").back().fileEvent.nId));
@@ -196,10 +200,7 @@ TEST_F(EndToEndTest, FilesArriveByteIdenticalWithProgressEndingAtTheTotal) {
 
 TEST_F(EndToEndTest, ASendPausesResumesAndCancelsAndAReceiverCancelsToo) {
     const std::string big = dir.write("big.bin", pattern(8 << 20, 5));
-    uint32_t taskID = 0;
-    const std::vector<std::string> list = {big};
-    const InteractionApp target = appNamed("alice");
-    ASSERT_EQ(0, agent.sendFileList(&list, &target, CallbackRecorder::onFile, nullptr, &taskID, false, 0));
+    const uint32_t taskID = sendToAlice({big});
     ASSERT_TRUE(callbacks.waitFor("file", 1, kWaitMs));
     ASSERT_EQ(0, agent.pauseSend(static_cast<unsigned long>(taskID)));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // events sent before the pause land
@@ -224,27 +225,19 @@ TEST_F(EndToEndTest, ASendPausesResumesAndCancelsAndAReceiverCancelsToo) {
 }
 
 TEST_F(EndToEndTest, TheMediaServerIsBrowsedDownloadedFromAndPlayed) {
-    std::string output;
-    ASSERT_EQ(0, pelk({"devices"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("\"pelk-emulator media\""));
-    EXPECT_NE(std::string::npos, output.find("\"pelk-emulator renderer\""));
-    ASSERT_EQ(0, pelk({"browse"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("folder Music  \"Music\""));
-    EXPECT_NE(std::string::npos, output.find("item   readme.txt"));
-    ASSERT_EQ(0, pelk({"browse", "Music"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("item   Music/track.mp3  \"track.mp3\""));
-
-    mkdir(dir.file("downloads").c_str(), 0755);
-    ASSERT_EQ(0, pelk({"download", "--to-dir", dir.file("downloads"), "Music/track.mp3", "readme.txt"}, output))
-        << output;
-    EXPECT_NE(std::string::npos, output.find("progress 2/2 readme.txt 22/22 3145750/3145750"));
+    expectRuns({
+        {{"devices"}, 0, {"\"pelk-emulator media\"", "\"pelk-emulator renderer\""}},
+        {{"browse"}, 0, {"folder Music  \"Music\"", "item   readme.txt"}},
+        {{"browse", "Music"}, 0, {"item   Music/track.mp3  \"track.mp3\""}},
+        {{"download", "--to-dir", dir.file("downloads"), "Music/track.mp3", "readme.txt"}, 0,
+         {"progress 2/2 readme.txt 22/22 3145750/3145750"}},
+        {{"play", "Music/track.mp3"}, 0, {}},
+        {{"play", "--pause"}, 0, {}},
+        {{"play", "--resume", "--renderer", "nobody"}, 1, {}},
+    });
     EXPECT_TRUE(readFile(dir.file("media/Music/track.mp3")) == readFile(dir.file("downloads/track.mp3")));
     EXPECT_EQ("served by the emulator", readFile(dir.file("downloads/readme.txt")));
-
-    ASSERT_EQ(0, pelk({"play", "Music/track.mp3"}, output)) << output;
     EXPECT_TRUE(emulator->awaitOutput("renderer plays item 1 of 1, \"track.mp3\""));
-    ASSERT_EQ(0, pelk({"play", "--pause"}, output)) << output;
-    EXPECT_EQ(1, pelk({"play", "--resume", "--renderer", "nobody"}, output));
 }
 
 TEST_F(EndToEndTest, AnAppKilledOutrightIsReportedAsRemoved) {
@@ -263,10 +256,7 @@ TEST_F(EndToEndTest, BothAppsRegisterAgainByThemselvesAfterTheServiceRestarts) {
     startEmulator();
     EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
     EXPECT_TRUE(alice->awaitOutput("reconnected as \"alice\"", kReconnectMs));
-    std::string output;
-    ASSERT_EQ(0, pelk({"apps"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("\"alice\""));
-    EXPECT_NE(std::string::npos, output.find("\"tester\""));
+    expectRuns({{{"apps"}, 0, {"\"alice\"", "\"tester\""}}});
 }
 
 // A service that stalls (stopped here) makes a send time out in the middle of its frame: the app
@@ -290,16 +280,13 @@ TEST_F(EndToEndTest, AfterAStallCutsASendTheAppRegistersAgainAndDataFlows) {
 }
 
 TEST_F(EndToEndTest, BadInputGetsAClearAnswerAndTheServiceGoesOn) {
-    std::string output;
-    EXPECT_EQ(1, pelk({"send", "--to", "nobody", "hi"}, output));
-    EXPECT_NE(std::string::npos, output.find("no other app is named \"nobody\""));
-    EXPECT_EQ(1, pelk({"send", "--to", "127.0.0.1:200", "hi"}, output));
-    EXPECT_NE(std::string::npos, output.find("send failed: 6 (the service's result: no registered app"));
-    EXPECT_EQ(1, pelk({"send-file", "--to", "alice", dir.file("missing")}, output));
-    EXPECT_NE(std::string::npos, output.find("send-file failed: 7 ("));
-    EXPECT_EQ(1, pelk({"download", "Music/none.mp3"}, output));
-    EXPECT_NE(std::string::npos, output.find("finding item Music/none.mp3 failed: 12 ("));
-    EXPECT_EQ(2, pelk({"send-file", "--to", "alice"}, output));
+    expectRuns({
+        {{"send", "--to", "nobody", "hi"}, 1, {"no other app is named \"nobody\""}},
+        {{"send", "--to", "127.0.0.1:200", "hi"}, 1, {"send failed: 6 (the service's result: no registered app"}},
+        {{"send-file", "--to", "alice", dir.file("missing")}, 1, {"send-file failed: 7 ("}},
+        {{"download", "Music/none.mp3"}, 1, {"finding item Music/none.mp3 failed: 12 ("}},
+        {{"send-file", "--to", "alice"}, 2, {}},
+    });
 
     // A frame too short to hold an action ID: that connection is closed, nobody else's.
     const int sock = socket(AF_INET, SOCK_STREAM, 0);
@@ -314,8 +301,7 @@ TEST_F(EndToEndTest, BadInputGetsAClearAnswerAndTheServiceGoesOn) {
     EXPECT_EQ(0, recv(sock, &ignored, 1, 0));  // closed by the emulator
     close(sock);
     EXPECT_TRUE(emulator->awaitOutput("(malformed or oversized frame)"));
-    ASSERT_EQ(0, pelk({"apps"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("\"alice\""));
+    expectRuns({{{"apps"}, 0, {"\"alice\""}}});
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 // Registers with the service on 127.0.0.1:20014 through libPELKAgent's public header alone, waits
 // for the service to report this app back through the app callback, and unregisters. Exits 0 when
 // all of it worked, 1 otherwise.
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstring>
-#include <mutex>
+#include <thread>
 
 #include "ActionAgent.h"
 
@@ -16,23 +15,21 @@
 
 namespace {
 
-std::mutex g_mutex;
-std::condition_variable g_changed;
-bool g_sawItself = false;
+std::atomic<bool> g_sawItself{false};
 
 // Runs on the library's callback thread.
 void onAppChange(const PELK::InteractionApp* app, int status, void*) {
-    if (app == nullptr || status != PELK::Agent::APP_STATUS_CHANGE_ADD || app->fLocalDevice == 0) {
-        return;
+    if (app != nullptr && status == PELK::Agent::APP_STATUS_CHANGE_ADD && app->fLocalDevice != 0) {
+        g_sawItself = true;
     }
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_sawItself = true;
-    g_changed.notify_all();
 }
 
+// Waits up to 10 s for the own record.
 bool awaitOwnRecord() {
-    std::unique_lock<std::mutex> lock(g_mutex);
-    return g_changed.wait_for(lock, std::chrono::seconds(10), [] { return g_sawItself; });
+    for (int waited = 0; !g_sawItself && waited < 10000; waited += 10) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return g_sawItself;
 }
 
 }  // namespace

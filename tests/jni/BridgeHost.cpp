@@ -2,9 +2,11 @@
 #include "jni/BridgeHost.h"
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -106,6 +108,85 @@ bool logged(char level, const std::string& function, const std::string& message)
     return false;
 }
 
+namespace {
+
+JNIEnv* env() { return Vm::get().env; }
+
+void expectNoException() {
+    if (env()->ExceptionCheck()) {
+        env()->ExceptionDescribe();
+        env()->ExceptionClear();
+        ADD_FAILURE() << "a Java exception (described above)";
+    }
+}
+
+}  // namespace
+
+jstring str(const std::string& s) { return env()->NewStringUTF(s.c_str()); }
+
+jstring jtext(const std::u16string& s) {
+    return env()->NewString(reinterpret_cast<const jchar*>(s.data()), static_cast<jsize>(s.size()));
+}
+
+std::u16string text16(jobject javaString) {
+    if (javaString == nullptr) {
+        return u"(no text)";
+    }
+    std::u16string result(static_cast<size_t>(env()->GetStringLength(static_cast<jstring>(javaString))), u'\0');
+    env()->GetStringRegion(static_cast<jstring>(javaString), 0, static_cast<jsize>(result.size()),
+                           reinterpret_cast<jchar*>(&result[0]));
+    return result;
+}
+
+std::string text(jobject javaString) {
+    const std::u16string wide = text16(javaString);
+    return std::string(wide.begin(), wide.end());
+}
+
+jobject make(const char* className, const char* signature, ...) {
+    jclass cls = env()->FindClass(className);
+    va_list args;
+    va_start(args, signature);
+    jobject obj = env()->NewObjectV(cls, env()->GetMethodID(cls, "<init>", signature), args);
+    va_end(args);
+    expectNoException();
+    return obj;
+}
+
+jobject integer(int v) { return make("java/lang/Integer", "(I)V", v); }
+
+jobject boolean(bool v) { return make("java/lang/Boolean", "(Z)V", v ? JNI_TRUE : JNI_FALSE); }
+
+jobjectArray array(const char* className, const std::vector<jobject>& elements) {
+    jobjectArray a = env()->NewObjectArray(static_cast<jsize>(elements.size()), env()->FindClass(className), nullptr);
+    for (size_t i = 0; i < elements.size(); ++i) {
+        env()->SetObjectArrayElement(a, static_cast<jsize>(i), elements[i]);
+    }
+    return a;
+}
+
+jobject call(const char* method, const std::vector<jobject>& args) {
+    jclass probe = env()->FindClass("com/quorvik/kolt/pelk/agent/probe/Probe");
+    jobject result = env()->CallStaticObjectMethod(
+        probe, env()->GetStaticMethodID(probe, "call", "(Ljava/lang/String;[Ljava/lang/Object;)Ljava/lang/Object;"),
+        str(method), array("java/lang/Object", args));
+    expectNoException();
+    return result;
+}
+
+int callInt(const char* method, const std::vector<jobject>& args) {
+    // The call's references go with it, however often it is made.
+    if (env()->PushLocalFrame(16) != JNI_OK) {
+        ADD_FAILURE() << "no room for local references";
+        return INT32_MIN;
+    }
+    const std::string result = describe(call(method, args));
+    env()->PopLocalFrame(nullptr);
+    return result == "null" ? INT32_MIN : std::atoi(result.c_str());
+}
+
+std::string describe(jobject value) { return text(call("describe", {value})); }
+
 const std::string kNative = "Java_com_quorvik_kolt_pelk_agent_PELKAgentNativeLib_";
 
 Bytes appRecord(const std::string& name, int id, int type, const std::string& ip, const std::string& mac, bool local) {
@@ -121,14 +202,25 @@ Bytes fileRecord(const std::string& id, const std::string& title) {
         "http://10.0.0.5/" + id, 1024);
 }
 
-B fileEventHead(int32_t action, int32_t taskID, const std::string& name) {
-    B out;
-    out.i32(action).i32(0).i64(5000000001).i64(5000000002).i64(5000000003);
-    return out.i32(2).i32(taskID).i32(1).i32(3).str(name, 260);
-}
-
 Bytes sendTag(int remoteAppID) {
     return B().u8(kAppID).u8(static_cast<uint8_t>(remoteAppID)).u8(3).u8(0).i32(0);
+}
+
+Bytes appEvent(int change, const Bytes& app) { return B().i32(45).i32(0).i32(change).add(app); }
+
+Bytes deviceEvent(int change, const Bytes& device) { return B().i32(32).i32(0).i32(change).add(device); }
+
+Bytes dataEvent(int type, const Bytes& sender, const std::string& data) {
+    return B().i32(20).i32(1).i32(type).add(sender).i32(static_cast<int32_t>(data.size())).str(data, data.size());
+}
+
+Bytes sendStatus(int32_t action, int32_t id, int32_t type, const std::string& ip) {
+    return B().i32(action).i32(id).i32(type).str(ip, 16).i32(12).add(sendTag(12));
+}
+
+Bytes fileEvent(int32_t action, int32_t taskID, const std::string& name, const Bytes& first, const Bytes& second) {
+    return B().i32(action).i32(0).i64(5000000001).i64(5000000002).i64(5000000003).i32(2).i32(taskID).i32(1).i32(3)
+        .str(name, 260).add(first).add(second);
 }
 
 }  // namespace pelktest

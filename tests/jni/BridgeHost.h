@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "support/FakeService.h"
 #include "support/TempDir.h"
@@ -38,6 +39,22 @@ std::string vmOutput();
 // Whether the library logged this line: "<level>/<function>(<line>): <message> ".
 bool logged(char level, const std::string& function, const std::string& message);
 
+// Java values and calls, made on the thread that started the VM; a Java exception fails the test.
+jstring str(const std::string& s);
+jstring jtext(const std::u16string& s);  // UTF-16, so that characters outside the BMP are as in Java
+std::u16string text16(jobject javaString);
+std::string text(jobject javaString);  // of an ASCII string
+jobject make(const char* className, const char* signature, ...);
+jobject integer(int v);
+jobject boolean(bool v);
+jobjectArray array(const char* className, const std::vector<jobject>& elements);
+// Calls the native method of this name from Java as an app would, or else the static method of
+// that name of Probe or Stress.
+jobject call(const char* method, const std::vector<jobject>& args);
+int callInt(const char* method, const std::vector<jobject>& args);  // INT32_MIN for null
+// Every value of a record, an event or an array of them, in one line (Probe.describe).
+std::string describe(jobject value);
+
 extern const std::string kNative;  // the prefix of the native methods' JNI names
 
 constexpr int kAppID = 7;  // what the fake service assigns at registration
@@ -45,10 +62,18 @@ constexpr int kAppID = 7;  // what the fake service assigns at registration
 Bytes appRecord(const std::string& name, int id, int type, const std::string& ip, const std::string& mac, bool local);
 Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local);
 Bytes fileRecord(const std::string& id, const std::string& title);
-// The head of the file events 14, 19 and 41.
-B fileEventHead(int32_t action, int32_t taskID, const std::string& name);
 // The tag that a send carries and its status events bring back: the two apps' low bytes.
 Bytes sendTag(int remoteAppID);
+
+// The events: an app or device change, received data, a TCP or UDP send's status, and the file
+// events 14, 19 and 41 (task, file name, then what follows their head), which Java shows as
+// kFileEvent followed by the task, counts, type, name, address and remote app.
+Bytes appEvent(int change, const Bytes& app);
+Bytes deviceEvent(int change, const Bytes& device);
+Bytes dataEvent(int type, const Bytes& sender, const std::string& data);
+Bytes sendStatus(int32_t action, int32_t id, int32_t type, const std::string& ip);
+Bytes fileEvent(int32_t action, int32_t taskID, const std::string& name, const Bytes& first, const Bytes& second);
+inline const std::string kFileEvent = "fileEvent{5000000001,5000000002,5000000003,";
 
 }  // namespace pelktest
 

@@ -1,23 +1,22 @@
 // An app's threads all at once, in a real VM under -Xcheck:jni: 16 Java threads (Stress.java), and
 // the listeners that hear them, call every native method for a minute (PELK_STRESS_SECONDS),
 // registering and unregistering and replacing listeners as they go, while the fake service
-// answers every request and pushes the events that it brings about, of every kind. The VM must print nothing, every call must return
-// a code that its method documents, every event must reach Java whole, and after the last
-// unregistration the VM's global references and threads must be back where they were.
+// answers every request and pushes the events that it brings about, of every kind. The VM must
+// print nothing, every call must return a code that its method documents, every event must reach
+// Java whole, and after the last unregistration the VM's global references and threads must be
+// back where they were.
 #include <gtest/gtest.h>
 #include <jni.h>
 
-#include <chrono>
-#include <cstdio>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
-#include <future>
 #include <iostream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ActionManager/ResultCodes.h"
@@ -62,22 +61,19 @@ const struct Flow {
     Bytes event;
     std::string heard;
 } kFlows[] = {
-    {49, B().i32(45).i32(0).i32(1).add(kPeer), "onInterAppChange app{peer,12,2,10.0.0.2,aa:bb:cc:dd:ee:ff,false} 1"},
-    {33, B().i32(32).i32(0).i32(1).add(kServer), "onDLNADeviceChange device{NAS,0,uuid:nas,10.0.0.5,false} 1"},
-    {15, B().i32(20).i32(1).i32(5).add(kPeer).i32(4).str("data", 4),
-     "onReceivingData 5 \"data\" 4 app{peer,12,2,10.0.0.2,aa:bb:cc:dd:ee:ff,false}"},
-    {15, fileEventHead(19, 8, "in").add(sendTag(12)).add(kPeer),
-     "onReceivingFile fileEvent{5000000001,5000000002,5000000003,8,1,3,2,in,10.0.0.2,12}"},
-    {53, B().i32(54).i32(0).i32(2).str("10.0.0.2", 16).i32(12).add(sendTag(12)), "onSendingData data{0,2,12,10.0.0.2}"},
-    {48, B().i32(52).i32(6).i32(1).str("10.0.0.2", 16).i32(12).add(sendTag(12)), "onSendingData data{6,1,12,10.0.0.2}"},
-    {13, fileEventHead(14, kFileTask, "a").add(kPeer).add(sendTag(12)),
-     "onSendingFile fileEvent{5000000001,5000000002,5000000003,101,1,3,2,a,10.0.0.2,12}"},
-    {51, fileEventHead(14, kFileListTask, "b").add(kPeer).add(sendTag(12)),
-     "onSendingFile fileEvent{5000000001,5000000002,5000000003,102,1,3,2,b,10.0.0.2,12}"},
-    {40, fileEventHead(41, kDownloadTask, "down").add(sendTag(0)).add(kServer),
-     "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,103,1,3,2,down,10.0.0.5,0}"},
-    {39, fileEventHead(41, kUploadTask, "up").add(sendTag(0)).add(kServer),
-     "onDLNAFileCopy fileEvent{5000000001,5000000002,5000000003,104,1,3,2,up,10.0.0.5,0}"},
+    {49, appEvent(1, kPeer), "onInterAppChange app{peer,12,2,10.0.0.2,aa:bb:cc:dd:ee:ff,false} 1"},
+    {33, deviceEvent(1, kServer), "onDLNADeviceChange device{NAS,0,uuid:nas,10.0.0.5,false} 1"},
+    {15, dataEvent(5, kPeer, "data"), "onReceivingData 5 \"data\" 4 app{peer,12,2,10.0.0.2,aa:bb:cc:dd:ee:ff,false}"},
+    {15, fileEvent(19, 8, "in", sendTag(12), kPeer), "onReceivingFile " + kFileEvent + "8,1,3,2,in,10.0.0.2,12}"},
+    {53, sendStatus(54, 0, 2, "10.0.0.2"), "onSendingData data{0,2,12,10.0.0.2}"},
+    {48, sendStatus(52, 6, 1, "10.0.0.2"), "onSendingData data{6,1,12,10.0.0.2}"},
+    {13, fileEvent(14, kFileTask, "a", kPeer, sendTag(12)), "onSendingFile " + kFileEvent + "101,1,3,2,a,10.0.0.2,12}"},
+    {51, fileEvent(14, kFileListTask, "b", kPeer, sendTag(12)),
+     "onSendingFile " + kFileEvent + "102,1,3,2,b,10.0.0.2,12}"},
+    {40, fileEvent(41, kDownloadTask, "down", sendTag(0), kServer),
+     "onDLNAFileCopy " + kFileEvent + "103,1,3,2,down,10.0.0.5,0}"},
+    {39, fileEvent(41, kUploadTask, "up", sendTag(0), kServer),
+     "onDLNAFileCopy " + kFileEvent + "104,1,3,2,up,10.0.0.5,0}"},
 };
 
 // What each native method may return: the codes of its family and of the link, the bridge's own
@@ -102,29 +98,21 @@ const struct Documented {
     {{"sendUDPData"}, {familyOf(SendUDPDataResult::kAll), kLink, kBridge}, {0}, 1},
     {{"sendUDPDataAll", "broadcast"}, {familyOf(BroadcastResult::kAll), kLink, kBridge}, {0}, 1},
     // A file sent alone goes as a list of one, with that list's codes.
-    {{"sendFile"}, {familyOf(SendFileResult::kAll), familyOf(SendFileListResult::kAll), kLink, kBridge}, {kFileTask},
-     -1},
+    {{"sendFile"}, {familyOf(SendFileResult::kAll), familyOf(SendFileListResult::kAll), kLink, kBridge},
+     {kFileTask}, -1},
     {{"sendFileList"}, {familyOf(SendFileListResult::kAll), kLink, kBridge}, {kFileListTask}, -1},
-    {{"pauseSend", "resumeSend", "cancelSend", "cancelReceive"},
-     {familyOf(TransferControlResult::kAll), kLink},
-     {0},
-     1},
+    {{"pauseSend", "resumeSend", "cancelSend", "cancelReceive"}, {familyOf(TransferControlResult::kAll), kLink},
+     {0}, 1},
     {{"deleteSendFileCallback"}, {}, {0, 1, LinkResult::kNotRegistered}, 1},
     {{"setReceiveOption", "setReceiveOptionX"}, {familyOf(SetReceiveOptionResult::kAll), kLink, kBridge}, {0}, 1},
     {{"getReceiveOption"}, {familyOf(GetReceiveOptionResult::kAll), kBridge}, {0}, 1},
     {{"startDMS", "stopDMS", "rescanShareFolder", "setMyDMSName", "rescanNetwork", "stopCopyTransfer",
       "getParentDirectoryInfo", "playSelectedFile", "stopCurPlayingFile", "pauseCurPlayingFile", "resumeCurPlayingFile",
-      "enableContentListCache", "disableContentListCache"},
-     {kMedia, kLink, kBridge},
-     {0},
-     1},
+      "enableContentListCache", "disableContentListCache"}, {kMedia, kLink, kBridge}, {0}, 1},
     {{"downLoad"}, {kMedia, kLink, kBridge}, {kDownloadTask}, 1},
     {{"upLoad"}, {kMedia, kLink, kBridge}, {kUploadTask}, 1},
     {{"searchInteractionApp", "getInteractionAppList", "searchDMS", "searchDMR", "getRootFileList", "getFileList",
-      "getParentFileList"},
-     {},
-     {},
-     0},
+      "getParentFileList"}, {}, {}, 0},
 };
 
 // The events that the bridge dropped: each leaves a warning that ends in "== NULL" (a listener
@@ -175,27 +163,6 @@ std::map<std::string, std::map<std::string, long>> parse(const std::string& text
     return report;
 }
 
-// Runs Stress.run in the VM (started with the library logging failures only: a minute of
-// everything would fill the disk); empty when it threw.
-std::string runStress(int threads, int seconds) {
-    Vm::logLevel = 1;
-    JNIEnv* env = Vm::get().env;
-    jclass stress = env == nullptr ? nullptr : env->FindClass("com/quorvik/kolt/pelk/agent/probe/Stress");
-    if (stress == nullptr) {
-        return "";
-    }
-    jstring report = static_cast<jstring>(env->CallStaticObjectMethod(
-        stress, env->GetStaticMethodID(stress, "run", "(II)Ljava/lang/String;"), threads, seconds));
-    if (env->ExceptionCheck()) {
-        env->ExceptionDescribe();
-        return "";
-    }
-    const char* chars = env->GetStringUTFChars(report, nullptr);
-    const std::string text(chars);
-    env->ReleaseStringUTFChars(report, chars);
-    return text;
-}
-
 TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEveryKindFlow) {
     FakeService service;
     ASSERT_TRUE(service.listening());
@@ -214,22 +181,18 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
             return replies;
         });
     }
+    // The library logs failures only: a minute of everything would fill the disk.
+    Vm::logLevel = 1;
+    ASSERT_NE(Vm::get().env, nullptr) << "the VM did not start";
     const char* asked = getenv("PELK_STRESS_SECONDS");
     const int seconds = asked != nullptr ? atoi(asked) : 60;
     // A deadlock would hold the run, and the exit after it, for good: a run that has not ended
-    // two minutes after its time ends the process, saying why.
-    std::promise<void> ended;
-    std::thread watchdog([seconds, done = ended.get_future()] {
-        if (done.wait_for(std::chrono::seconds(seconds + 120)) == std::future_status::timeout) {
-            std::fprintf(stderr, "the run has not ended two minutes after its time: a deadlock\n");
-            std::abort();
-        }
-    });
-    const std::string text = runStress(kThreads, seconds);
-    ended.set_value();
-    watchdog.join();
-    ASSERT_NE(text, "") << "the run did not start or threw (described above)";
-    auto report = parse(text);
+    // two minutes after its time ends the process (SIGALRM).
+    alarm(static_cast<unsigned>(seconds + 120));
+    const std::string lines = text(call("run", {integer(kThreads), integer(seconds)}));
+    alarm(0);
+    ASSERT_FALSE(HasFailure()) << "the run threw (described above)";
+    auto report = parse(lines);
 
     const std::set<std::string> documented = documentedResults();
     std::set<std::string> called;

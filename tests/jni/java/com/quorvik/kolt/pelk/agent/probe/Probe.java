@@ -1,25 +1,36 @@
 package com.quorvik.kolt.pelk.agent.probe;
 
-import com.quorvik.kolt.pelk.agent.DLNADevice;
-import com.quorvik.kolt.pelk.agent.FileInfo;
-import com.quorvik.kolt.pelk.agent.PELKAgentNativeLib;
-import com.quorvik.kolt.pelk.agent.ReceiveOption;
+import com.quorvik.kolt.pelk.agent.*;
 import java.lang.management.ManagementFactory;
-import java.lang.reflect.InvocationTargetException;
-import java.lang.reflect.Method;
-import java.lang.reflect.Modifier;
+import java.lang.reflect.*;
+import java.util.*;
+import java.util.concurrent.LinkedBlockingQueue;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.function.Consumer;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import javax.management.ObjectName;
 
-/** The bridge tests' hands in the VM: calls the native methods from Java and shows their results. */
+/**
+ * The bridge tests' hands in the VM: calls the native methods from Java, shows their results, and
+ * makes listeners that write down each call they receive.
+ */
 public final class Probe {
     private Probe() {}
 
-    /** Calls the native method of this name as an app would (primitives boxed). */
+    /**
+     * Calls the native method of this name as an app would, or else the static method of this
+     * name of the probe or the stress run (primitives boxed).
+     */
     public static Object call(String name, Object[] args) throws Throwable {
-        for (Method method : PELKAgentNativeLib.class.getDeclaredMethods()) {
-            if (method.getName().equals(name) && Modifier.isNative(method.getModifiers())) {
+        List<Method> methods = new ArrayList<>(Arrays.asList(PELKAgentNativeLib.class.getDeclaredMethods()));
+        methods.removeIf(method -> !Modifier.isNative(method.getModifiers()));
+        methods.addAll(Arrays.asList(Probe.class.getDeclaredMethods()));
+        methods.addAll(Arrays.asList(Stress.class.getDeclaredMethods()));
+        for (Method method : methods) {
+            if (method.getName().equals(name) && Modifier.isPublic(method.getModifiers())
+                && Modifier.isStatic(method.getModifiers())) {
                 try {
                     return method.invoke(null, args);
                 } catch (InvocationTargetException e) {
@@ -28,6 +39,58 @@ public final class Probe {
             }
         }
         throw new NoSuchMethodException(name);
+    }
+
+    /** Writes down each call to a listener as one line: "<method> <arguments>". */
+    private static final class Recorder implements InvocationHandler {
+        final LinkedBlockingQueue<String> calls = new LinkedBlockingQueue<>();
+        final AtomicInteger count = new AtomicInteger();
+        final Consumer<String> heard;
+
+        Recorder(Consumer<String> heard) {
+            this.heard = heard;
+        }
+
+        @Override
+        public Object invoke(Object proxy, Method method, Object[] args) {
+            StringBuilder call = new StringBuilder(method.getName());
+            for (Object arg : args) {
+                call.append(' ').append(describe(arg));
+            }
+            if (heard != null) {
+                heard.accept(call.toString());
+            } else {
+                calls.add(call.toString());
+                count.incrementAndGet();
+            }
+            return null;
+        }
+    }
+
+    /**
+     * A listener of every kind that hands each call to heard, or without one keeps it for next().
+     * The reversed one lists its interfaces in the other order: a class of its own that shares
+     * only the methods.
+     */
+    public static Object listener(boolean reversed, Consumer<String> heard) {
+        List<Class<?>> kinds = Arrays.asList(InterAppChangeListener.class, DLNADeviceChangeListener.class,
+            DataSendListener.class, ReceiveListener.class, FileSendListener.class, FileCopyListener.class);
+        if (reversed) {
+            Collections.reverse(kinds);
+        }
+        return Proxy.newProxyInstance(Probe.class.getClassLoader(), kinds.toArray(new Class<?>[0]),
+                                      new Recorder(heard));
+    }
+
+    /** The oldest call to the listener not taken yet, waiting up to 5 s; "(none)" if none came. */
+    public static String next(Object listener) throws InterruptedException {
+        String call = ((Recorder) Proxy.getInvocationHandler(listener)).calls.poll(5, TimeUnit.SECONDS);
+        return call == null ? "(none)" : call;
+    }
+
+    /** Calls to the listener so far, taken or not. */
+    public static int count(Object listener) {
+        return ((Recorder) Proxy.getInvocationHandler(listener)).count.get();
     }
 
     /** Every value of a record, an event or an array of them, in one line. */

@@ -1,12 +1,12 @@
 package com.quorvik.kolt.pelk.agent.probe;
 
 import com.quorvik.kolt.pelk.agent.*;
-import java.lang.reflect.Proxy;
 import java.util.*;
 import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.ThreadLocalRandom;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.concurrent.atomic.LongAdder;
+import java.util.function.Function;
 
 /**
  * An app's threads all at once: every native method called from many threads and from the
@@ -16,10 +16,6 @@ import java.util.concurrent.atomic.LongAdder;
  */
 public final class Stress {
     private Stress() {}
-
-    private interface Call {
-        Object run(Random random);
-    }
 
     private static final ConcurrentHashMap<String, LongAdder> counts = new ConcurrentHashMap<>();
 
@@ -32,32 +28,18 @@ public final class Stress {
     private static volatile boolean threadsDone = false;
     private static final AtomicInteger listenersCalling = new AtomicInteger();
 
-    // Listeners of two classes that share nothing but the listener methods (proxies over the
-    // interfaces in two orders), so that a callback pairing one listener's class with another
-    // listener finds no method. Each call is counted as "event", its method and its arguments;
-    // one in four then calls into the library itself, as apps' listeners do.
+    // Listeners of two classes, so that a callback pairing one listener's class with another
+    // listener finds no method. Each call is counted as "event <method> <arguments>"; one in four
+    // then calls into the library itself, as apps' listeners do.
     private static Object listener(boolean reversed) {
-        Class<?>[] kinds = {InterAppChangeListener.class, DLNADeviceChangeListener.class, DataSendListener.class,
-                            ReceiveListener.class, FileSendListener.class, FileCopyListener.class};
-        if (reversed) {
-            Collections.reverse(Arrays.asList(kinds));
-        }
-        return Proxy.newProxyInstance(Stress.class.getClassLoader(), kinds, (proxy, method, args) -> {
-            StringBuilder event = new StringBuilder("event ").append(method.getName());
-            for (Object arg : args) {
-                event.append(' ').append(Probe.describe(arg));
-            }
-            count(event.toString(), 1);
+        return Probe.listener(reversed, event -> {
+            count("event " + event, 1);
             listenersCalling.incrementAndGet();
-            try {
-                Random r = ThreadLocalRandom.current();
-                if (!threadsDone && r.nextInt(4) == 0) {
-                    call(PICKS.get(r.nextInt(PICKS.size())), r);
-                }
-            } finally {
-                listenersCalling.decrementAndGet();
+            Random r = ThreadLocalRandom.current();
+            if (!threadsDone && r.nextInt(4) == 0) {
+                call(PICKS.get(r.nextInt(PICKS.size())), r);
             }
-            return null;
+            listenersCalling.decrementAndGet();
         });
     }
 
@@ -74,9 +56,7 @@ public final class Stress {
     private static final FileInfo ITEM = new FileInfo("uuid:nas", "0", "1", "a", "video", "http://10.0.0.5/1");
     private static final FileInfo[] ITEMS = {ITEM, ITEM};
 
-    private static byte[] bytes() {
-        return new byte[] {'s', 't', 'r', 'e', 's', 's'};
-    }
+    private static final byte[] DATA = {'s', 't', 'r', 'e', 's', 's'};
 
     // The latest transfer that a send or copy started, for the calls that control one.
     private static volatile int task = 0;
@@ -88,7 +68,7 @@ public final class Stress {
         return id;
     }
 
-    private static final Map<String, Call> CALLS = new LinkedHashMap<>();
+    private static final Map<String, Function<Random, Object>> CALLS = new LinkedHashMap<>();
 
     static {
         CALLS.put("registerApp",
@@ -98,15 +78,15 @@ public final class Stress {
         CALLS.put("searchInteractionApp", r -> PELKAgentNativeLib.searchInteractionApp());
         CALLS.put("getInteractionAppList", r -> PELKAgentNativeLib.getInteractionAppList());
         CALLS.put("refreshInteractionApp", r -> PELKAgentNativeLib.refreshInteractionApp(r.nextBoolean()));
-        CALLS.put("sendData", r -> PELKAgentNativeLib.sendData(bytes(), 6, PEER, PEER_APP, r.nextBoolean(), 3));
-        CALLS.put("asynSendData", r -> PELKAgentNativeLib.asynSendData(bytes(), 6, PEER, PEER_APP, false, any(r)));
-        CALLS.put("sendUDPData", r -> PELKAgentNativeLib.sendUDPData(bytes(), 6, PEER, PEER_APP, true, any(r)));
-        CALLS.put("sendUDPDataAll", r -> PELKAgentNativeLib.sendUDPDataAll(bytes(), 6, false));
-        CALLS.put("broadcast", r -> PELKAgentNativeLib.broadcast(bytes(), 6, "10.0.0.255", false));
+        CALLS.put("sendData", r -> PELKAgentNativeLib.sendData(DATA, 6, PEER, PEER_APP, r.nextBoolean(), 3));
+        CALLS.put("asynSendData", r -> PELKAgentNativeLib.asynSendData(DATA, 6, PEER, PEER_APP, false, any(r)));
+        CALLS.put("sendUDPData", r -> PELKAgentNativeLib.sendUDPData(DATA, 6, PEER, PEER_APP, true, any(r)));
+        CALLS.put("sendUDPDataAll", r -> PELKAgentNativeLib.sendUDPDataAll(DATA, 6, false));
+        CALLS.put("broadcast", r -> PELKAgentNativeLib.broadcast(DATA, 6, "10.0.0.255", false));
         // The flag picks the kind of request, and the service gives each kind a task of its own.
         CALLS.put("sendFile", r -> started(PELKAgentNativeLib.sendFile("/data/a", PEER, any(r), PEER_APP, false, 0)));
-        CALLS.put("sendFileList", r -> started(PELKAgentNativeLib.sendFileList(new String[] {"/data/a", "/data/b"}, PEER,
-                                                                             any(r), PEER_APP, true, 0)));
+        CALLS.put("sendFileList", r -> started(
+            PELKAgentNativeLib.sendFileList(new String[] {"/data/a", "/data/b"}, PEER, any(r), PEER_APP, true, 0)));
         CALLS.put("pauseSend", r -> PELKAgentNativeLib.pauseSend(task));
         CALLS.put("resumeSend", r -> PELKAgentNativeLib.resumeSend(task));
         CALLS.put("cancelSend", r -> PELKAgentNativeLib.cancelSend(task));
@@ -149,18 +129,16 @@ public final class Stress {
     }
 
     private static void call(String method, Random random) {
-        Object result = CALLS.get(method).run(random);
+        Object result = CALLS.get(method).apply(random);
         count("call " + method + " " + (result instanceof Object[] ? "array" : String.valueOf(result)), 1);
     }
 
     /**
      * Calls every method once with every kind of listener (which the bridge then holds), then
      * from `threads` threads (and the listeners) at random for `seconds`, then registers and
-     * unregisters once more.
-     * Returns lines of "<kind> <what> <count>": "call <method> <result>", "event <method>
-     * <arguments>", "last <method> <result>", and the VM's global references ("refs start",
-     * "refs held", "refs end") and threads ("threads start", "threads end"), the end being after
-     * the last unregistration.
+     * unregisters once more. Returns lines of "<kind> <what> <count>": "call <method> <result>",
+     * "event <method> <arguments>", "last <method> <result>", "refs start|held|end" and "threads
+     * start|end" (the VM's global references and threads; the end after the last unregistration).
      */
     public static String run(int threads, int seconds) throws Exception {
         PELKAgentNativeLib.getAppID();  // loads the library, whose classes cached at load count as the start
