@@ -87,32 +87,32 @@ const ResultFamily kMedia = familyOf(CommonResult::kAll);
 const struct Documented {
     std::vector<std::string> methods;
     std::vector<ResultFamily> families;
-    std::vector<int> more;
-    int sign;  // 1 codes as they are, -1 negated, 0 an array or null
+    std::vector<std::string> more;  // results besides the families' codes
+    int sign;                       // 1 codes as they are, -1 negated
 } kDocumented[] = {
-    {{"registerApp"}, {familyOf(RegisterResult::kAll), kLink, kBridge}, {0}, 1},
-    {{"unRegisterApp"}, {familyOf(UnregisterResult::kAll), kLink}, {0}, 1},
-    {{"getAppID"}, {}, {kAppID, -1}, 1},
-    {{"refreshInteractionApp"}, {familyOf(RefreshAppResult::kAll), kLink}, {0}, 1},
-    {{"sendData", "asynSendData"}, {familyOf(SendDataResult::kAll), kLink, kBridge}, {0}, 1},
-    {{"sendUDPData"}, {familyOf(SendUDPDataResult::kAll), kLink, kBridge}, {0}, 1},
-    {{"sendUDPDataAll", "broadcast"}, {familyOf(BroadcastResult::kAll), kLink, kBridge}, {0}, 1},
+    {{"registerApp"}, {familyOf(RegisterResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"unRegisterApp"}, {familyOf(UnregisterResult::kAll), kLink}, {"0"}, 1},
+    {{"getAppID"}, {}, {std::to_string(kAppID), "-1"}, 1},
+    {{"refreshInteractionApp"}, {familyOf(RefreshAppResult::kAll), kLink}, {"0"}, 1},
+    {{"sendData", "asynSendData"}, {familyOf(SendDataResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"sendUDPData"}, {familyOf(SendUDPDataResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"sendUDPDataAll", "broadcast"}, {familyOf(BroadcastResult::kAll), kLink, kBridge}, {"0"}, 1},
     // A file sent alone goes as a list of one, with that list's codes.
     {{"sendFile"}, {familyOf(SendFileResult::kAll), familyOf(SendFileListResult::kAll), kLink, kBridge},
-     {kFileTask}, -1},
-    {{"sendFileList"}, {familyOf(SendFileListResult::kAll), kLink, kBridge}, {kFileListTask}, -1},
+     {std::to_string(kFileTask)}, -1},
+    {{"sendFileList"}, {familyOf(SendFileListResult::kAll), kLink, kBridge}, {std::to_string(kFileListTask)}, -1},
     {{"pauseSend", "resumeSend", "cancelSend", "cancelReceive"}, {familyOf(TransferControlResult::kAll), kLink},
-     {0}, 1},
-    {{"deleteSendFileCallback"}, {}, {0, 1, LinkResult::kNotRegistered}, 1},
-    {{"setReceiveOption", "setReceiveOptionX"}, {familyOf(SetReceiveOptionResult::kAll), kLink, kBridge}, {0}, 1},
-    {{"getReceiveOption"}, {familyOf(GetReceiveOptionResult::kAll), kBridge}, {0}, 1},
+     {"0"}, 1},
+    {{"deleteSendFileCallback"}, {}, {"0", "1", std::to_string(LinkResult::kNotRegistered)}, 1},
+    {{"setReceiveOption", "setReceiveOptionX"}, {familyOf(SetReceiveOptionResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"getReceiveOption"}, {familyOf(GetReceiveOptionResult::kAll), kBridge}, {"0"}, 1},
     {{"startDMS", "stopDMS", "rescanShareFolder", "setMyDMSName", "rescanNetwork", "stopCopyTransfer",
       "getParentDirectoryInfo", "playSelectedFile", "stopCurPlayingFile", "pauseCurPlayingFile", "resumeCurPlayingFile",
-      "enableContentListCache", "disableContentListCache"}, {kMedia, kLink, kBridge}, {0}, 1},
-    {{"downLoad"}, {kMedia, kLink, kBridge}, {kDownloadTask}, 1},
-    {{"upLoad"}, {kMedia, kLink, kBridge}, {kUploadTask}, 1},
+      "enableContentListCache", "disableContentListCache"}, {kMedia, kLink, kBridge}, {"0"}, 1},
+    {{"downLoad"}, {kMedia, kLink, kBridge}, {std::to_string(kDownloadTask)}, 1},
+    {{"upLoad"}, {kMedia, kLink, kBridge}, {std::to_string(kUploadTask)}, 1},
     {{"searchInteractionApp", "getInteractionAppList", "searchDMS", "searchDMR", "getRootFileList", "getFileList",
-      "getParentFileList"}, {}, {}, 0},
+      "getParentFileList"}, {}, {"array", "null"}, 1},
 };
 
 // The events that the bridge dropped: each leaves a warning that ends in "== NULL" (a listener
@@ -132,15 +132,11 @@ std::vector<std::string> droppedEvents() {
 std::set<std::string> documentedResults() {
     std::set<std::string> results;
     for (const Documented& row : kDocumented) {
-        std::vector<std::string> texts = row.sign == 0 ? std::vector<std::string>{"array", "null"}
-                                                       : std::vector<std::string>{};
+        std::vector<std::string> texts = row.more;
         for (const ResultFamily& family : row.families) {
             for (size_t i = 0; i < family.count; ++i) {
                 texts.push_back(std::to_string(row.sign * family.codes[i].value));
             }
-        }
-        for (int value : row.more) {
-            texts.push_back(std::to_string(value));
         }
         for (const std::string& method : row.methods) {
             for (const std::string& text : texts) {

@@ -21,6 +21,9 @@ using namespace std::string_literals;
 
 namespace {
 
+// What a wait allows: it costs only when it fails, and the machine may be loaded.
+constexpr int kWaitMs = 20000;
+
 Bytes tcpStatus(const std::string& ip) { return sendStatus(54, 0, 2, ip); }
 
 // A 32-bit field as it stands in a request.
@@ -67,7 +70,7 @@ std::u16string next16(jobject r) { return text16(call("next", {r})); }
 int count(jobject r) { return callInt("count", {r}); }
 bool awaitCount(jobject r, int n, int timeoutMs) { return waitUntil([&] { return count(r) >= n; }, timeoutMs, 10); }
 // Waits until the VM knows this many threads (an attached thread is detached as it ends).
-bool awaitLiveThreads(int n) { return waitUntil([&] { return callInt("liveThreads", {}) == n; }, 5000, 10); }
+bool awaitLiveThreads(int n) { return waitUntil([&] { return callInt("liveThreads", {}) == n; }, kWaitMs, 10); }
 
 // One native call as an app makes it: what it returns (a code, or an array or record as Probe
 // describes it), and the request it sends (action) with fields at their offsets, answered by
@@ -410,7 +413,7 @@ TEST_F(BridgeTest, AListenerWithoutTheMethodLosesTheEventAndTheLinksThreadStaysA
     const int daemons = callInt("daemonThreads", {});
     EXPECT_EQ(callInt("asynSendData", dataSend(make("java/lang/Object", "()V"))), 0);
     service.push(tcpStatus("10.0.0.2"));
-    EXPECT_TRUE(waitUntil([] { return logged('W', "OnDataSend", "methodID == NULL"); }, 5000, 10));
+    EXPECT_TRUE(waitUntil([] { return logged('W', "OnDataSend", "methodID == NULL"); }, kWaitMs, 10));
     EXPECT_EQ(callInt("liveThreads", {}), threads + 1) << "the dispatching thread is attached";
     EXPECT_EQ(callInt("daemonThreads", {}), daemons + 1);
 
@@ -444,7 +447,7 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesBehindAndUnloadRe
     };
     const int threads = callInt("liveThreads", {});
     round(1);
-    ASSERT_TRUE(awaitCount(r, kinds, 5000));
+    ASSERT_TRUE(awaitCount(r, kinds, kWaitMs));
     ASSERT_EQ(callInt("liveThreads", {}), threads + 1) << "the link's callback thread, attached";
     callInt("globalRefs", {});
     int refs = callInt("globalRefs", {});
@@ -475,9 +478,9 @@ TEST_F(BridgeTest, TenThousandEventsOfEachKindLeaveNoReferencesBehindAndUnloadRe
     // Events after unload find neither listener nor class: dropped, without a JNI error.
     const int heard = count(r);
     service.push(dataEvent(5, peer, "x"));
-    EXPECT_TRUE(waitUntil([] { return logged('W', "OnDataReceive", "methodID == NULL"); }, 5000, 10));
+    EXPECT_TRUE(waitUntil([] { return logged('W', "OnDataReceive", "methodID == NULL"); }, kWaitMs, 10));
     service.push(appEvent(1, peer));
-    EXPECT_TRUE(waitUntil([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }, 5000, 10));
+    EXPECT_TRUE(waitUntil([] { return logged('W', "makeInteractionApp", "jo_interactionApp == NULL"); }, kWaitMs, 10));
     EXPECT_EQ(count(r), heard);
 }
 

@@ -82,9 +82,9 @@ public final class Probe {
                                       new Recorder(heard));
     }
 
-    /** The oldest call to the listener not taken yet, waiting up to 5 s; "(none)" if none came. */
+    /** The oldest call to the listener not taken yet, waiting up to 20 s; "(none)" if none came. */
     public static String next(Object listener) throws InterruptedException {
-        String call = ((Recorder) Proxy.getInvocationHandler(listener)).calls.poll(5, TimeUnit.SECONDS);
+        String call = ((Recorder) Proxy.getInvocationHandler(listener)).calls.poll(20, TimeUnit.SECONDS);
         return call == null ? "(none)" : call;
     }
 
