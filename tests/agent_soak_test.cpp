@@ -18,7 +18,6 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,7 +136,7 @@ protected:
         const bool last = event.nEventType == Emulator::FILE_EVENT_LIST_DONE ||
                           event.nEventType == Emulator::FILE_EVENT_CANCELLED ||
                           event.nEventType == Emulator::FILE_EVENT_FAILED;
-        (last ? self->m_endedTasks : self->m_progressedTasks).insert(static_cast<uint32_t>(event.nId));
+        (last ? self->m_nEndedTask : self->m_nProgressedTask) = static_cast<uint32_t>(event.nId);
         self->m_changed.notify_all();
     }
 
@@ -189,8 +188,6 @@ protected:
             call(kSendData, [&] { return agent.sendData(text.data(), length, &target, false, 10); });
             call(kAsynSendData,
                  [&] { return agent.asynSendData(text.data(), length, &target, false, onStatus, this); });
-            std::vector<InteractionApp> apps;
-            call(kSearchApps, [&] { return agent.searchInteractionApp(&apps); });
         }
     }
 
@@ -207,31 +204,33 @@ protected:
             const InteractionApp target = currentPeer();
             std::unique_lock<std::mutex> lock(m_mutex);
             const int lost = m_nLost;
+            m_nEndedTask = m_nProgressedTask = 0;
             lock.unlock();
-            if (call(kSendFile, [&] { return agent.sendFile(file.c_str(), &target, onFile, this, &task, false, 0); }) !=
-                0) {
+            const auto send = [&] { return agent.sendFile(file.c_str(), &target, onFile, this, &task, false, 0); };
+            if (call(kSendFile, send) != 0) {
                 task = 0;
                 continue;
             }
             lock.lock();
             m_nCurrentTask = task;
             m_changed.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                               [&] { return m_fStop || m_nLost != lost || m_endedTasks.count(task) != 0; });
-            m_endedTasks.erase(task);
-            m_progressedTasks.erase(task);
+                               [&] { return m_fStop || m_nLost != lost || m_nEndedTask == task; });
             m_nCurrentTask = 0;
         }
     }
 
     void startTraffic() {
-        for (auto traffic : {&AgentSoakTest::dataTraffic, &AgentSoakTest::fileTraffic}) {
-            m_threads.emplace_back(traffic, this);
+        m_threads.emplace_back(&AgentSoakTest::dataTraffic, this);
+        m_threads.emplace_back(&AgentSoakTest::fileTraffic, this);
+        for (int i = 0; i < 2; ++i) {
+            m_threads.emplace_back([this] {
+                while (!pause(30)) {
+                    std::vector<InteractionApp> apps;
+                    call(kGetAppList, [&] { return agent.getInteractionAppList(&apps); });
+                    call(kSearchApps, [&] { return agent.searchInteractionApp(&apps); });
+                }
+            });
         }
-        m_threads.emplace_back([this] {
-            while (!pause(30)) {
-                currentPeer();
-            }
-        });
     }
 
     void stopTraffic() {
@@ -291,9 +290,8 @@ protected:
     int m_nReconnected = 0;
     Clock::time_point m_reconnectedAt;
     InteractionApp m_peer;
-    uint32_t m_nCurrentTask = 0;
-    std::set<uint32_t> m_progressedTasks;
-    std::set<uint32_t> m_endedTasks;
+    // The file send under way, and the last tasks that progressed and ended.
+    uint32_t m_nCurrentTask = 0, m_nProgressedTask = 0, m_nEndedTask = 0;
     OpFigures m_figures[kOpCount];
     std::atomic<size_t> m_nSendStatus{0};
     std::atomic<size_t> m_nInFlight{0};
@@ -317,7 +315,8 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
         if (cycle == warmUp + 1) {
             before = settled(before, 1000);
         }
-        ASSERT_TRUE(await([&] { return m_progressedTasks.count(m_nCurrentTask) != 0; })) << "cycle " << cycle;
+        ASSERT_TRUE(await([&] { return m_nCurrentTask != 0 && m_nProgressedTask == m_nCurrentTask; }))
+            << "cycle " << cycle << ": no file send under way";
         // Kills land at different points of the traffic and of the transfer.
         std::this_thread::sleep_for(std::chrono::milliseconds(500 + cycle * 379 % 1000));
         times.push_back(killAndRestart(cycle));
