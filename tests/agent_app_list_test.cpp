@@ -49,7 +49,8 @@ TEST(AgentAppListTest, KeysEachLessThanTheOtherBehaveAsTheOrOrderingMakesThem) {
     EXPECT_EQ(0, list.exist("10.0.0.1", 2, 3));
 }
 
-TEST(AgentAppListTest, EqualKeysReplaceTheEntryAndIgnoreNameAndMac) {
+// Keys are the type, the app ID and the address cut to fifteen characters; name and MAC are not.
+TEST(AgentAppListTest, EqualKeysReplaceTheEntry) {
     AgentAppList list;
     InteractionApp before = app(4, 9, "192.168.1.5", "before");
     before.SetMacAddress("aa:bb:cc:dd:ee:ff");
@@ -67,19 +68,15 @@ TEST(AgentAppListTest, EqualKeysReplaceTheEntryAndIgnoreNameAndMac) {
     InteractionApp missed = app(0, 0, "0.0.0.0", "untouched");
     EXPECT_EQ(0, list.get("192.168.1.5", 4, 10, &missed));
     EXPECT_STREQ("untouched", missed.szAppName);
-}
 
-TEST(AgentAppListTest, KeysCutTheAddressToFifteenCharacters) {
-    InteractionApp first = app(1, 1, "");
-    InteractionApp second = app(1, 1, "");
     // Records whose address fields hold 16 characters without a terminator.
-    memcpy(first.szIPv4, "123.123.123.1239", 16);
-    memcpy(second.szIPv4, "123.123.123.123X", 16);
-    AgentAppList list;
-    list.insert(first);
-    EXPECT_EQ(1, list.exist(second));
-    EXPECT_EQ(1, list.exist("123.123.123.123-and-more", 1, 1));
-    list.insert(second);
+    memcpy(before.szIPv4, "123.123.123.1239", 16);
+    memcpy(after.szIPv4, "123.123.123.123X", 16);
+    list.clear();
+    list.insert(before);
+    EXPECT_EQ(1, list.exist(after));
+    EXPECT_EQ(1, list.exist("123.123.123.123-and-more", 4, 9));
+    list.insert(after);
     EXPECT_EQ(1u, list.size());
 }
 

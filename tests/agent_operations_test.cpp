@@ -130,7 +130,6 @@ TEST_F(DataTest, AsynchronousSendsToOneAppShareOneCountedEntry) {
         EXPECT_EQ(2, record.dataEvent.nEventType);
     }
     EXPECT_EQ(1, callbacks.of("data")[1].dataEvent.nId);
-    EXPECT_TRUE(log.contains("Can not find tcp callback: 10.0.0.9_12, 10.0.0.9, 12!"));
 
     // A status callback may send with a status callback of its own.
     std::atomic<int> inside(-1);
@@ -215,7 +214,6 @@ TEST_F(ReceiveTest, ALargePayloadIsDeliveredOnceJoinedInArrivalOrder) {
     const std::vector<CallbackRecord> later = callbacks.of("receive-data");
     EXPECT_EQ("head-19tail", dataOf(later[1]));
     EXPECT_EQ("tail", dataOf(later[2])) << "its head was dropped";
-    EXPECT_TRUE(log.contains("Dropped an unfinished large payload"));
 }
 
 TEST_F(ReceiveTest, DataAndFilesFromOtherAppsReachTheReceiveCallbacks) {
@@ -259,7 +257,7 @@ protected:
     }
 };
 
-TEST_F(FileTest, SendFileListPutsEveryPathTheTargetAndTheTagOnTheWire) {
+TEST_F(FileTest, SendFilesPutEveryAbsolutePathTheTargetAndTheTagOnTheWire) {
     registerAgent();
     answerSendFile(ACTION_SEND_FILE_EX, 77);
     const std::vector<std::string> paths = {"/data/a.txt", "/data/b.txt"};
@@ -274,13 +272,9 @@ TEST_F(FileTest, SendFileListPutsEveryPathTheTargetAndTheTagOnTheWire) {
     EXPECT_EQ(300, readInt32(request, 528 + 260));
     EXPECT_EQ((Bytes{kAppID, 300 & 0xFF, 3, 0}), Bytes(request.begin() + 832, request.begin() + 836));
     EXPECT_EQ(6, readInt32(request, 840));
-}
 
-TEST_F(FileTest, PathsAreMadeAbsoluteAndNamesBoundedAtTheirLastPart) {
-    registerAgent();
+    // Paths are made absolute and names bounded at their last part.
     answerSendFile(ACTION_SEND_FILE, 1);
-    const InteractionApp app = target();
-    uint32_t taskID = 0;
     EXPECT_EQ(0, agent->sendFile(("/d/" + std::string(225, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
     // The empty path resolves to the current directory, or to nothing once that is gone.
     EXPECT_EQ(0, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));

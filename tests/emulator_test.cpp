@@ -243,10 +243,14 @@ TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
     EXPECT_EQ(-1, join(257, "one too many"));
 }
 
-TEST_F(EmulatorTest, DataReachesItsTargetWithTheSendersRecordAndUnknownTargetsAreRefused) {
+// Data, large payload pieces and broadcasts reach their targets as their kinds with the sender's
+// record; unknown targets are refused.
+TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
     join(1, "alice");
     join(2, "bob", 8);
+    join(3, "carol");
     host.take(1);
+    host.take(2);
     SendDataReq request;
     request.app = addressOf(1);
     request.data.Set("hello", 5);
@@ -261,6 +265,26 @@ TEST_F(EmulatorTest, DataReachesItsTargetWithTheSendersRecordAndUnknownTargetsAr
         EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request)) << ip;
     }
     EXPECT_TRUE(host.take(1).empty());
+
+    std::vector<std::string> expected;
+    for (int32_t sequence : {0, 1, -2}) {
+        SendUDPHugeDataReq piece;
+        piece.app = addressOf(1);
+        const Bytes payload = B().i32(77).i32(sequence).str("part", 4);
+        piece.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
+        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3, piece));
+        expected.push_back(std::to_string(DATA_KIND_HUGE_PIECE) + " carol 3 " + std::string(payload.begin(), payload.end()));
+    }
+    EXPECT_EQ(expected, receivedData(host.take(1)));
+    BroadcastReq broadcast;
+    broadcast.app.SetIPv4("0.0.0.0");
+    broadcast.data.Set("all", 3);
+    ASSERT_TRUE(send(3, broadcast));
+    EXPECT_EQ((std::vector<Bytes>{B().i32(ACTION_BROADCAST).i32(RESULT_OK)}), host.take(3));  // no data to itself
+    for (ClientId other : {1, 2}) {
+        EXPECT_EQ((std::vector<std::string>{std::to_string(DATA_KIND_BROADCAST) + " carol 3 all"}),
+                  receivedData(host.take(other)));
+    }
 }
 
 // The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
@@ -291,33 +315,6 @@ TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) 
     EXPECT_EQ(2, failed.nStatus);  // bob's second send with a status
     EXPECT_EQ(DATA_EVENT_FAILED, failed.nEventType);
     EXPECT_EQ(300 & 0xFF, failed.sendTag.byRemoteAppID);
-}
-
-TEST_F(EmulatorTest, LargePayloadPiecesAndBroadcastsAreRelayedAsTheirKinds) {
-    join(1, "alice");
-    join(2, "bob");
-    join(3, "carol");
-    host.take(1);
-    host.take(2);
-    std::vector<std::string> expected;
-    for (int32_t sequence : {0, 1, -2}) {
-        SendUDPHugeDataReq piece;
-        piece.app = addressOf(1);
-        const Bytes payload = B().i32(77).i32(sequence).str("part", 4);
-        piece.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
-        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3, piece));
-        expected.push_back(std::to_string(DATA_KIND_HUGE_PIECE) + " carol 3 " + std::string(payload.begin(), payload.end()));
-    }
-    EXPECT_EQ(expected, receivedData(host.take(1)));
-    BroadcastReq broadcast;
-    broadcast.app.SetIPv4("0.0.0.0");
-    broadcast.data.Set("all", 3);
-    ASSERT_TRUE(send(3, broadcast));
-    EXPECT_EQ((std::vector<Bytes>{B().i32(ACTION_BROADCAST).i32(RESULT_OK)}), host.take(3));  // no data to itself
-    for (ClientId other : {1, 2}) {
-        EXPECT_EQ((std::vector<std::string>{std::to_string(DATA_KIND_BROADCAST) + " carol 3 all"}),
-                  receivedData(host.take(other)));
-    }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -47,35 +47,25 @@ std::string frameOf(const ReqResBase& message) {
     return std::string(whole.begin(), whole.end());
 }
 
-// A registration with events and a receive folder, alone and followed by each request of the
-// message tests' golden bodies.
-std::vector<std::string> seeds() {
+// Writes the seeds to folder: a registration with events and a receive folder, alone and
+// followed by each request of the message tests' golden bodies.
+void writeSeeds(const std::string& folder) {
     RegisterReq hello;
     hello.SetAppName("fuzz");
     hello.fAppEvents = hello.fDeviceEvents = true;
     SetReceiveOptionReq inbox;
     inbox.SetDirectory("inbox");
     const std::string registration = frameOf(hello) + frameOf(inbox);
-    std::vector<std::string> all = {registration};
+    std::ofstream(folder + "/seed-0", std::ios::binary) << registration;
+    int number = 0;
     for (const pelktest::Golden& golden : pelktest::Goldens()) {
         const std::string name = golden.name;
         if (name.compare(name.size() - 3, 3, "Req") == 0) {
             const Bytes whole = pelktest::frame(golden.body);
-            all.push_back(registration + std::string(whole.begin(), whole.end()));
+            std::ofstream(folder + "/seed-" + std::to_string(++number), std::ios::binary)
+                << registration << std::string(whole.begin(), whole.end());
         }
     }
-    return all;
-}
-
-void writeSeeds(const char* folder) {
-    int number = 0;
-    for (const std::string& seed : seeds()) {
-        std::ofstream(std::string(folder) + "/seed-" + std::to_string(++number), std::ios::binary) << seed;
-    }
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
 }
 
 // The tree that every input starts from: a media folder and the two apps' receive folders.
@@ -96,18 +86,10 @@ int removeForeign(const char* path, const struct stat* info, int type, struct FT
     return 0;
 }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return remove(path);
-}
-
-void removeTree() {
-    nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
 void resetTree() {
     nftw(g_root.c_str(), removeForeign, 16, FTW_PHYS);
     for (const auto& file : kFiles) {
-        writeFile(g_root + "/" + file.first, std::string(file.second, 'm'));
+        std::ofstream(g_root + "/" + file.first, std::ios::binary) << std::string(file.second, 'm');
     }
 }
 
@@ -132,7 +114,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     for (const char* folder : kFolders) {
         mkdir((g_root + "/" + folder).c_str(), 0755);
     }
-    atexit(removeTree);
+    atexit([] {
+        const auto removeEntry = [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); };
+        nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    });
     return 0;
 }
 

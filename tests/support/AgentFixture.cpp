@@ -1,5 +1,6 @@
 #include "support/AgentFixture.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -14,52 +15,44 @@ CallbackRecorder& CallbackRecorder::instance() {
 
 namespace {
 
-CallbackRecord recordOf(const char* kind, int status, void* user) {
+template <class Fill>
+void recordOf(const char* kind, int status, void* user, Fill fill) {
     CallbackRecord record;
     record.kind = kind;
     record.status = status;
     record.user = user;
-    return record;
+    fill(record);
+    CallbackRecorder::instance().record(record);
 }
 
 }  // namespace
 
 void CallbackRecorder::onApp(const PELK::InteractionApp* app, int status, void* user) {
-    CallbackRecord record = recordOf("app", status, user);
-    record.app = *app;
-    instance().record(record);
+    recordOf("app", status, user, [&](CallbackRecord& record) { record.app = *app; });
 }
 
 void CallbackRecorder::onDevice(const PELK::DLNADevice* device, int status, void* user) {
-    CallbackRecord record = recordOf("device", status, user);
-    record.device = *device;
-    instance().record(record);
+    recordOf("device", status, user, [&](CallbackRecord& record) { record.device = *device; });
 }
 
 void CallbackRecorder::onData(PELK::data_transfer_event event, void* user) {
-    CallbackRecord record = recordOf("data", 0, user);
-    record.dataEvent = event;
-    instance().record(record);
+    recordOf("data", 0, user, [&](CallbackRecord& record) { record.dataEvent = event; });
 }
 
 void CallbackRecorder::onFile(PELK::file_transfer_event event, void* user) {
-    CallbackRecord record = recordOf("file", 0, user);
-    record.fileEvent = event;
-    instance().record(record);
+    recordOf("file", 0, user, [&](CallbackRecord& record) { record.fileEvent = event; });
 }
 
 void CallbackRecorder::onReceiveData(int type, const char* data, int len, void* user,
                                      const PELK::InteractionApp* sender) {
-    CallbackRecord record = recordOf("receive-data", type, user);
-    record.app = *sender;
-    record.data.assign(data, data + (len > 0 ? len : 0));
-    instance().record(record);
+    recordOf("receive-data", type, user, [&](CallbackRecord& record) {
+        record.app = *sender;
+        record.data.assign(data, data + std::max(len, 0));
+    });
 }
 
 void CallbackRecorder::onReceiveFile(PELK::file_transfer_event event, void* user) {
-    CallbackRecord record = recordOf("receive-file", 0, user);
-    record.fileEvent = event;
-    instance().record(record);
+    recordOf("receive-file", 0, user, [&](CallbackRecord& record) { record.fileEvent = event; });
 }
 
 void CallbackRecorder::record(CallbackRecord record) {
@@ -81,11 +74,8 @@ void CallbackRecorder::record(CallbackRecord record) {
 bool CallbackRecorder::waitFor(const std::string& kind, size_t count, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        size_t seen = 0;
-        for (const CallbackRecord& record : m_records) {
-            seen += record.kind == kind ? 1 : 0;
-        }
-        return seen >= count;
+        const auto ofKind = [&](const CallbackRecord& record) { return record.kind == kind; };
+        return static_cast<size_t>(std::count_if(m_records.begin(), m_records.end(), ofKind)) >= count;
     });
 }
 
@@ -130,11 +120,8 @@ void AgentTest::TearDown() {
 }
 
 void AgentTest::registerAgent(bool withCallbacks, bool autoReconnect) {
-    const int result = withCallbacks ? agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp,
-                                                          CallbackRecorder::onDevice, autoReconnect)
-                                     : agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr,
-                                                          autoReconnect);
-    ASSERT_EQ(0, result);
+    ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, withCallbacks ? CallbackRecorder::onApp : nullptr,
+                                    withCallbacks ? CallbackRecorder::onDevice : nullptr, autoReconnect));
     ASSERT_EQ(kAppID, agent->getAppID());
 }
 
