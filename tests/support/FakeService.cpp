@@ -199,14 +199,18 @@ bool FakeService::awaitClient(std::unique_lock<std::mutex>& lock) {
     return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; });
 }
 
-bool FakeService::waitForConnections(int count, int timeoutMs) {
+template <class Done>
+bool FakeService::waitUntil(int timeoutMs, Done done) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_connections >= count; });
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+}
+
+bool FakeService::waitForConnections(int count, int timeoutMs) {
+    return waitUntil(timeoutMs, [&] { return m_connections >= count; });
 }
 
 bool FakeService::waitForClientClose(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_clientFd < 0; });
+    return waitUntil(timeoutMs, [&] { return m_clientFd < 0; });
 }
 
 void FakeService::keepBodies(bool keep) {
@@ -217,18 +221,13 @@ void FakeService::keepBodies(bool keep) {
 std::vector<Bytes> FakeService::received(int32_t actionID) const {
     std::lock_guard<std::mutex> guard(m_mutex);
     std::vector<Bytes> matching;
-    for (const Bytes& request : m_received) {
-        if (actionIdOf(request) == actionID) {
-            matching.push_back(request);
-        }
-    }
+    std::copy_if(m_received.begin(), m_received.end(), std::back_inserter(matching),
+                 [&](const Bytes& request) { return actionIdOf(request) == actionID; });
     return matching;
 }
 
 bool FakeService::waitForRequests(int32_t actionID, size_t count, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return m_receivedCounts[actionID] >= count; });
+    return waitUntil(timeoutMs, [&] { return m_receivedCounts[actionID] >= count; });
 }
 
 int FakeService::connections() const {
@@ -300,11 +299,9 @@ void FakeService::serve() {
             acceptClient();
         }
         if (ready > 0 && count == 3 && (fds[2].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-            bool sameClient;
-            {
-                std::lock_guard<std::mutex> guard(m_mutex);
-                sameClient = m_clientFd == clientFd;
-            }
+            std::unique_lock<std::mutex> lock(m_mutex);
+            const bool sameClient = m_clientFd == clientFd;
+            lock.unlock();
             if (sameClient && !readFromClient()) {
                 dropClient(false);
             }

@@ -152,6 +152,9 @@ private:
     void acceptClient();
     bool readFromClient();
     void wake();
+    // Waits, up to timeoutMs, until done() holds under the lock.
+    template <class Done>
+    bool waitUntil(int timeoutMs, Done done);
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
     bool awaitClient(std::unique_lock<std::mutex>& lock);
