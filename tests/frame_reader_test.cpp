@@ -17,23 +17,20 @@ namespace Frame = PELK::Agent::Frame;
 
 namespace {
 
-TEST(FrameTest, BuildsLengthWordThenMessageLittleEndian) {
-    const char message[] = {0x2C, 0x00, 0x00, 0x00, 0x7F};
-    std::unique_ptr<char[]> frame(Frame::build(message, sizeof(message)));
-    const unsigned char expected[] = {5, 0, 0, 0, 0x2C, 0, 0, 0, 0x7F};
-    ASSERT_EQ(0, memcmp(expected, frame.get(), sizeof(expected)));
-    EXPECT_EQ(5u, Frame::lengthOf(frame.get()));
-    EXPECT_EQ(44, Frame::actionIdOf(frame.get()));
-}
-
-// However the stream is cut into receives, the same frames come out, a too-short one skipped.
-TEST(FrameTest, ReaderGivesTheSameFramesForAnyCuttingOfTheStream) {
+// Frames are built length word first, little-endian; however a stream of them is cut into
+// receives, the same frames come out, a too-short one skipped.
+TEST(FrameTest, BuiltFramesComeOutOfTheReaderTheSameForAnyCuttingOfTheStream) {
     const std::vector<Bytes> bodies = {body(20, {1}), pelktest::B().i32(45).zeros(200000), body(44),
                                        pelktest::B().i32(20).zeros(65536 - 8), body(2, {3})};
     Bytes stream;
     std::vector<Bytes> frames;
     for (const Bytes& one : bodies) {
         frames.push_back(pelktest::frame(one));
+        const uint32_t size = static_cast<uint32_t>(one.size());
+        std::unique_ptr<char[]> built(Frame::build(reinterpret_cast<const char*>(one.data()), size));
+        EXPECT_EQ(frames.back(), Bytes(built.get(), built.get() + frames.back().size()));
+        EXPECT_EQ(size, Frame::lengthOf(built.get()));
+        EXPECT_EQ(pelktest::actionIdOf(one), Frame::actionIdOf(built.get()));
         stream.insert(stream.end(), frames.back().begin(), frames.back().end());
         if (frames.size() == 3) {
             stream.insert(stream.end(), {2, 0, 0, 0, 9, 9});

@@ -33,19 +33,19 @@ int soakSeconds() {
     return text != nullptr && atoi(text) > 0 ? atoi(text) : 30;
 }
 
-int call(TransferClient& client, int32_t action, int timeout) {
-    Bytes request = body(action);
+// A call with this request; a one-way one gives no length for a response.
+int call(TransferClient& client, Bytes request, int timeout, bool oneWay = false) {
     char* resp = nullptr;
     int length = 0;
-    const int result =
-        client.serviceCall(reinterpret_cast<char*>(request.data()), static_cast<int>(request.size()), resp, &length,
-                           timeout);
+    const int result = client.serviceCall(reinterpret_cast<char*>(request.data()), static_cast<int>(request.size()),
+                                          resp, oneWay ? nullptr : &length, timeout);
     delete[] resp;
     return result;
 }
 
 // The link has reported its loss (event 46).
 bool lost(FrameRecorder& seen) { return seen.waitFor(46, 1, 5000); }
+void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // One round of one fault; the link is started with the callback set, and stopped afterwards.
 void runFault(int fault, FakeService& service, TransferClient& client, FrameRecorder& seen) {
@@ -62,16 +62,13 @@ void runFault(int fault, FakeService& service, TransferClient& client, FrameReco
             service.sendRaw({104, 0, 0, 0, 44, 0, 0, 0});
             std::atomic<bool> trickling{true};
             std::thread trickle([&] {
-                while (trickling) {
-                    service.sendRaw({0});
-                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                }
+                for (; trickling; sleepMs(50)) service.sendRaw({0});
             });
             const Clock::time_point start = Clock::now();
-            EXPECT_EQ(1106, call(client, 44, 0));
+            EXPECT_EQ(1106, call(client, body(44), 0));
             EXPECT_LT(secondsSince(start), 2.0);
-            std::thread caller([&] { EXPECT_EQ(1107, call(client, 44, 30)); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            std::thread caller([&] { EXPECT_EQ(1107, call(client, body(44), 30)); });
+            sleepMs(50);
             client.stopTransfer();
             caller.join();
             trickling = false;
@@ -80,29 +77,26 @@ void runFault(int fault, FakeService& service, TransferClient& client, FrameReco
         }
         case 2: {  // more events than the queue holds, with no callback to take them, then a stop
             client.setActionCallBack(nullptr, nullptr);
-            for (unsigned int i = 0; i < kSoakMaxEvents + 100; ++i) {
-                service.push(body(20, {static_cast<int32_t>(i)}));
-            }
-            EXPECT_EQ(0, call(client, 44, 30));
+            for (int32_t i = 0; i < static_cast<int32_t>(kSoakMaxEvents) + 100; ++i) service.push(body(20, {i}));
+            EXPECT_EQ(0, call(client, body(44), 30));
             client.setActionCallBack(FrameRecorder::onAction, &seen);
             seen.waitFor(20, 100, 500);
             break;  // stopped with events still queued
         }
         case 3:  // replies too short for an action ID before the real one
-            EXPECT_EQ(0, call(client, 1, 5));
+            EXPECT_EQ(0, call(client, body(1), 5));
             break;
-        case 4: {  // a length word no frame can have
+        case 4:  // a length word no frame can have
             service.sendRaw({static_cast<uint8_t>(rand()), 0xFF, 0xFF, 0x7F, 20, 0, 0, 0});
             EXPECT_TRUE(lost(seen));
             break;
-        }
         case 5: {  // a reset while a call waits
-            std::thread caller([&] { EXPECT_EQ(1107, call(client, 33, 30)); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            std::thread caller([&] { EXPECT_EQ(1107, call(client, body(33), 30)); });
+            sleepMs(20);
             service.closeConnection(true);
             caller.join();
             EXPECT_TRUE(lost(seen));
-            EXPECT_EQ(1107, call(client, 44, 5));
+            EXPECT_EQ(1107, call(client, body(44), 5));
             break;
         }
         case 6: {  // stop, start and call from inside the callback
@@ -111,32 +105,27 @@ void runFault(int fault, FakeService& service, TransferClient& client, FrameReco
                     done = true;
                     client.stopTransfer();
                     EXPECT_TRUE(client.startTransfer());
-                    EXPECT_EQ(0, call(client, 44, 5));
+                    EXPECT_EQ(0, call(client, body(44), 5));
                 }
             });
             service.push(body(20, {1}));
             EXPECT_TRUE(seen.waitFor(20, 1, 5000));
             break;
         }
-        case 7: {  // a service that stops reading: a send cut by its time-out gives the link up
+        case 7:  // a service that stops reading: a send cut by its time-out gives the link up
             service.stallReading(true);
-            Bytes huge = pelktest::B().i32(45).zeros(16 << 20);
-            char* none = nullptr;
-            EXPECT_EQ(1105, client.serviceCall(reinterpret_cast<char*>(huge.data()), static_cast<int>(huge.size()),
-                                               none, nullptr, 5));
+            EXPECT_EQ(1105, call(client, pelktest::B().i32(45).zeros(16 << 20), 5, true));
             EXPECT_TRUE(lost(seen));
-            EXPECT_EQ(1107, call(client, 44, 5));
+            EXPECT_EQ(1107, call(client, body(44), 5));
             service.stallReading(false);
             break;
-        }
-        default: {  // ordinary traffic: calls with events in between
+        default:  // ordinary traffic: calls with events in between
             for (int i = 0; i < 50; ++i) {
                 service.push(body(45, {i}));
-                EXPECT_EQ(0, call(client, 44, 5));
+                EXPECT_EQ(0, call(client, body(44), 5));
             }
             EXPECT_TRUE(seen.waitFor(45, 50, 5000));
             break;
-        }
     }
 }
 

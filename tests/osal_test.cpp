@@ -132,16 +132,13 @@ TEST(OsalPathTest, RelativePathsResolveAgainstTheCachedCurrentDirectory) {
 
 TEST(OsalPathTest, FileTypeAndNumbers) {
     pelktest::TempDir dir;
-    const std::string file = dir.write("f", "1");
+    const std::string file = dir.write("f", "1"), missing = dir.file("missing");
     int type = 0;
-    EXPECT_EQ(0, Osal::osal_file_type(file.c_str(), &type));
-    EXPECT_EQ(3, type);
-    EXPECT_EQ(0, Osal::osal_file_type(dir.path().c_str(), &type));
-    EXPECT_EQ(4, type);
-    EXPECT_EQ(1, Osal::osal_file_type(dir.file("missing").c_str(), &type));
-    EXPECT_EQ(1, Osal::osal_file_type(nullptr, &type));
-    EXPECT_EQ(1, Osal::osal_file_type(file.c_str(), nullptr));
-    EXPECT_EQ(4, type);
+    const std::vector<std::pair<int, int>> results = {  // result and type after each call
+        {Osal::osal_file_type(file.c_str(), &type), type}, {Osal::osal_file_type(dir.path().c_str(), &type), type},
+        {Osal::osal_file_type(missing.c_str(), &type), type}, {Osal::osal_file_type(nullptr, &type), type},
+        {Osal::osal_file_type(file.c_str(), nullptr), type}};
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 3}, {0, 4}, {1, 4}, {1, 4}, {1, 4}}), results);
 
     EXPECT_EQ(INT64_MAX, Osal::osal_atoi64("9223372036854775807"));
     EXPECT_EQ(INT64_MIN, Osal::osal_atoi64("-9223372036854775808"));

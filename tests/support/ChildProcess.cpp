@@ -21,9 +21,7 @@ namespace pelktest {
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& outputPath)
     : m_outputPath(outputPath) {
     std::vector<char*> args;
-    for (const std::string& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-    }
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

@@ -20,7 +20,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    bool started() const { return m_pid > 0; }
     void signal(int signalNumber);
     // The exit status (128 + signal when one ended it), or -1 when it is still running after
     // timeoutMs.
@@ -36,13 +35,13 @@ private:
     std::string m_outputPath;
 };
 
-// Runs a program to its end (at most timeoutMs) and returns its exit status; its output is
-// appended to output.
 // Starts the emulator (argv: its path, then its arguments) and waits until it listens on the
 // service's port; a test failure, with its output, when it does not within timeoutMs.
 std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath,
                                             int timeoutMs = 30000);
 
+// Runs a program to its end (at most timeoutMs) and returns its exit status; its output is
+// appended to output.
 int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,
              int timeoutMs = 60000);
 

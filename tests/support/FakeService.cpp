@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -23,6 +24,11 @@ uint32_t readLittleEndian32(const uint8_t* at) {
            static_cast<uint32_t>(at[3]) << 24;
 }
 
+// The action ID of a recorded frame (length word first); 0 for the null frame.
+int32_t idOf(const Bytes& frame) {
+    return frame.empty() ? 0 : static_cast<int32_t>(readLittleEndian32(frame.data() + 4));
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -31,20 +37,12 @@ uint32_t readLittleEndian32(const uint8_t* at) {
 Bytes body(int32_t actionID, std::initializer_list<int32_t> words) {
     B builder;
     builder.i32(actionID);
-    for (int32_t word : words) {
-        builder.i32(word);
-    }
+    for (int32_t word : words) builder.i32(word);
     return builder.v;
 }
 
 Bytes frame(const Bytes& messageBody) {
-    Bytes result;
-    const uint32_t length = static_cast<uint32_t>(messageBody.size());
-    for (int i = 0; i < 4; ++i) {
-        result.push_back(static_cast<uint8_t>(length >> (8 * i)));
-    }
-    result.insert(result.end(), messageBody.begin(), messageBody.end());
-    return result;
+    return B().i32(static_cast<int64_t>(messageBody.size())).add(messageBody).v;
 }
 
 int32_t actionIdOf(const Bytes& messageBody) {
@@ -93,18 +91,13 @@ void FrameRecorder::setInside(std::function<void(char* frame)> inside) {
     m_inside = std::make_shared<std::function<void(char*)>>(std::move(inside));
 }
 
-size_t FrameRecorder::countLocked(int32_t actionID) const {
-    size_t count = 0;
-    for (const Bytes& frame : m_frames) {
-        count += actionID < 0 || (frame.empty() ? 0 : readLittleEndian32(frame.data() + 4)) == static_cast<uint32_t>(actionID);
-    }
-    return count;
-}
-
 bool FrameRecorder::waitFor(int32_t actionID, size_t count, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return countLocked(actionID) >= count; });
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        return static_cast<size_t>(std::count_if(m_frames.begin(), m_frames.end(), [&](const Bytes& frame) {
+                   return actionID < 0 || idOf(frame) == actionID;
+               })) >= count;
+    });
 }
 
 std::vector<Bytes> FrameRecorder::frames() const {
@@ -114,9 +107,7 @@ std::vector<Bytes> FrameRecorder::frames() const {
 
 std::vector<int32_t> FrameRecorder::ids() const {
     std::vector<int32_t> result;
-    for (const Bytes& frame : frames()) {
-        result.push_back(frame.empty() ? 0 : static_cast<int32_t>(readLittleEndian32(frame.data() + 4)));
-    }
+    for (const Bytes& frame : frames()) result.push_back(idOf(frame));
     return result;
 }
 
@@ -156,10 +147,7 @@ FakeService::~FakeService() {
         std::lock_guard<std::mutex> guard(m_mutex);
         m_stopping = true;
     }
-    if (m_wakeFds[1] >= 0) {
-        const char wake = 's';
-        (void)!write(m_wakeFds[1], &wake, 1);
-    }
+    wake();
     if (m_thread.joinable()) {
         m_thread.join();
     }
@@ -203,9 +191,7 @@ void FakeService::closeConnection(bool reset) {
 void FakeService::stallReading(bool stalled) {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_stalled = stalled;
-
-    const char wake = 'r';
-    (void)!write(m_wakeFds[1], &wake, 1);
+    wake();
 }
 
 // A client's connect can complete before this side has accepted it; wait for the accept.
@@ -213,14 +199,18 @@ bool FakeService::awaitClient(std::unique_lock<std::mutex>& lock) {
     return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; });
 }
 
-bool FakeService::waitForConnections(int count, int timeoutMs) {
+template <class Done>
+bool FakeService::waitUntil(int timeoutMs, Done done) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_connections >= count; });
+    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+}
+
+bool FakeService::waitForConnections(int count, int timeoutMs) {
+    return waitUntil(timeoutMs, [&] { return m_connections >= count; });
 }
 
 bool FakeService::waitForClientClose(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_clientFd < 0; });
+    return waitUntil(timeoutMs, [&] { return m_clientFd < 0; });
 }
 
 void FakeService::keepBodies(bool keep) {
@@ -231,18 +221,13 @@ void FakeService::keepBodies(bool keep) {
 std::vector<Bytes> FakeService::received(int32_t actionID) const {
     std::lock_guard<std::mutex> guard(m_mutex);
     std::vector<Bytes> matching;
-    for (const Bytes& request : m_received) {
-        if (actionIdOf(request) == actionID) {
-            matching.push_back(request);
-        }
-    }
+    std::copy_if(m_received.begin(), m_received.end(), std::back_inserter(matching),
+                 [&](const Bytes& request) { return actionIdOf(request) == actionID; });
     return matching;
 }
 
 bool FakeService::waitForRequests(int32_t actionID, size_t count, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return m_receivedCounts[actionID] >= count; });
+    return waitUntil(timeoutMs, [&] { return m_receivedCounts[actionID] >= count; });
 }
 
 int FakeService::connections() const {
@@ -279,9 +264,13 @@ void FakeService::dropClient(bool reset) {
     m_clientFd = -1;
     m_inbox.clear();
     m_changed.notify_all();
+    wake();
+}
+
+// Makes the service thread poll again, with what changed.
+void FakeService::wake() {
     if (m_wakeFds[1] >= 0) {
-        const char wake = 'd';
-        (void)!write(m_wakeFds[1], &wake, 1);
+        (void)!write(m_wakeFds[1], "w", 1);
     }
 }
 
@@ -303,20 +292,16 @@ void FakeService::serve() {
         if (ready < 0 && errno != EINTR) {
             return;
         }
-        if (ready > 0 && (fds[1].revents & POLLIN) != 0) {
-            char drain[64];
-            while (read(m_wakeFds[0], drain, sizeof(drain)) > 0) {
-            }
+        char drain[64];
+        while (ready > 0 && (fds[1].revents & POLLIN) != 0 && read(m_wakeFds[0], drain, sizeof(drain)) > 0) {
         }
         if (ready > 0 && (fds[0].revents & POLLIN) != 0) {
             acceptClient();
         }
         if (ready > 0 && count == 3 && (fds[2].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-            bool sameClient;
-            {
-                std::lock_guard<std::mutex> guard(m_mutex);
-                sameClient = m_clientFd == clientFd;
-            }
+            std::unique_lock<std::mutex> lock(m_mutex);
+            const bool sameClient = m_clientFd == clientFd;
+            lock.unlock();
             if (sameClient && !readFromClient()) {
                 dropClient(false);
             }
@@ -381,20 +366,14 @@ bool FakeService::readFromClient() {
         }
     }
     for (const auto& [frameBody, handler] : frames) {
-        handleFrame(frameBody, handler);
-    }
-    return true;
-}
-
-void FakeService::handleFrame(const Bytes& frameBody, Handler handler) {
-    if (handler) {
-        const std::vector<Bytes> replies = handler(frameBody);
+        const std::vector<Bytes> replies = handler ? handler(frameBody) : std::vector<Bytes>();
         std::lock_guard<std::mutex> guard(m_mutex);
         for (const Bytes& reply : replies) {
             const Bytes whole = frame(reply);
             writeAll(whole.data(), whole.size());
         }
     }
+    return true;
 }
 
 }  // namespace pelktest

@@ -97,8 +97,6 @@ public:
     void clear();
 
 private:
-    size_t countLocked(int32_t actionID) const;
-
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<Bytes> m_frames;
@@ -153,7 +151,10 @@ private:
     void serve();
     void acceptClient();
     bool readFromClient();
-    void handleFrame(const Bytes& frameBody, Handler handler);
+    void wake();
+    // Waits, up to timeoutMs, until done() holds under the lock.
+    template <class Done>
+    bool waitUntil(int timeoutMs, Done done);
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
     bool awaitClient(std::unique_lock<std::mutex>& lock);

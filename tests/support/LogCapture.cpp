@@ -1,5 +1,6 @@
 #include "support/LogCapture.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "CommonLib/LogSink.h"
@@ -22,37 +23,27 @@ void recordLine(int, const char*, const char* text) {
 }  // namespace
 
 LogCapture::LogCapture(int mode, int level, const std::string& extraProperties)
-    : m_dir(new TempDir()), m_active(false) {
-    start("loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) + "\n" +
-          extraProperties);
-}
-
-LogCapture::LogCapture(RawTag, const std::string& properties) : m_dir(new TempDir()), m_active(false) {
-    start(properties);
-}
+    : LogCapture(RawTag{}, "loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) + "\n" +
+                               extraProperties) {}
 
 LogCapture LogCapture::withProperties(const std::string& properties) {
     return LogCapture(RawTag{}, properties);
 }
 
-void LogCapture::start(const std::string& properties) {
-    m_propertyPath = m_dir->write("log.properties", properties);
+LogCapture::LogCapture(RawTag, const std::string& properties) {
+    m_propertyPath = m_dir.write("log.properties", properties);
     PELK::Common::ZTLogger::destroyDefaultLogger();
     PELK::Common::setPropertyFilePathForTesting(m_propertyPath.c_str());
     PELK::Common::setAndroidLogSinkForTesting(recordLine);
     clear();
     PELK::Common::ZTLogger::getDefaultLogger();
-    m_active = true;
 }
 
 LogCapture::~LogCapture() {
-    if (m_active) {
-        PELK::Common::ZTLogger::destroyDefaultLogger();
-        PELK::Common::setAndroidLogSinkForTesting(nullptr);
-        PELK::Common::setPropertyFilePathForTesting(kQuietPropertyFile);
-        clear();
-    }
-    delete m_dir;
+    PELK::Common::ZTLogger::destroyDefaultLogger();
+    PELK::Common::setAndroidLogSinkForTesting(nullptr);
+    PELK::Common::setPropertyFilePathForTesting(kQuietPropertyFile);
+    clear();
 }
 
 std::vector<std::string> LogCapture::lines() const {
@@ -62,13 +53,9 @@ std::vector<std::string> LogCapture::lines() const {
 
 size_t LogCapture::count(const std::string& fragment) const {
     std::lock_guard<std::mutex> guard(g_linesMutex);
-    size_t found = 0;
-    for (const std::string& line : g_lines) {
-        if (line.find(fragment) != std::string::npos) {
-            ++found;
-        }
-    }
-    return found;
+    return static_cast<size_t>(std::count_if(g_lines.begin(), g_lines.end(), [&](const std::string& line) {
+        return line.find(fragment) != std::string::npos;
+    }));
 }
 
 void LogCapture::clear() {

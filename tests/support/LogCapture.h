@@ -32,16 +32,14 @@ public:
     size_t count(const std::string& fragment) const;
     bool contains(const std::string& fragment) const { return count(fragment) > 0; }
     void clear();
-    const TempDir& dir() const { return *m_dir; }
+    const TempDir& dir() const { return m_dir; }
 
 private:
     struct RawTag {};
     LogCapture(RawTag, const std::string& properties);
-    void start(const std::string& properties);
 
-    TempDir* m_dir;
-    std::string m_propertyPath;
-    bool m_active;
+    TempDir m_dir;
+    std::string m_propertyPath;  // the logger keeps the pointer
 };
 
 }  // namespace pelktest

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <vector>
 
 namespace pelktest {
 
@@ -22,10 +21,8 @@ int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
     std::string pattern = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/pelk-test-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) != nullptr) {
-        m_path = buffer.data();
+    if (mkdtemp(pattern.data()) != nullptr) {
+        m_path = pattern;
     }
 }
 
