@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 #include <utility>
 
 #include "ServiceCodes.h"
@@ -86,6 +87,7 @@ protected:
         media.write(".hidden", "not served");
         symlink("/etc", media.file("escape").c_str());
         config.mediaFolder = media.path();
+        config.fTrace = true;  // every message of every test goes through the trace's formatting
         service = std::make_unique<Service>(config, host);
         std::string error;
         ASSERT_TRUE(service->start(error)) << error;
@@ -266,16 +268,16 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
     }
     EXPECT_TRUE(host.take(1).empty());
 
-    std::vector<std::string> expected;
-    for (int32_t sequence : {0, 1, -2}) {
-        SendUDPHugeDataReq piece;
-        piece.app = addressOf(1);
-        const Bytes payload = B().i32(77).i32(sequence).str("part", 4);
-        piece.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
-        EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3, piece));
-        expected.push_back(std::to_string(DATA_KIND_HUGE_PIECE) + " carol 3 " + std::string(payload.begin(), payload.end()));
-    }
-    EXPECT_EQ(expected, receivedData(host.take(1)));
+    SendUDPHugeDataReq piece;  // relayed whole, once it has room for its list ID and sequence number
+    piece.app = addressOf(1);
+    piece.data.Set("part", 4);
+    EXPECT_EQ(RESULT_BAD_REQUEST, result<SendUDPHugeDataRes>(3, piece));
+    const Bytes payload = B().i32(77).i32(-2).str("part", 4);
+    piece.data.Set(payload.data(), static_cast<unsigned int>(payload.size()));
+    EXPECT_EQ(RESULT_OK, result<SendUDPHugeDataRes>(3, piece));
+    EXPECT_EQ((std::vector<std::string>{std::to_string(DATA_KIND_HUGE_PIECE) + " carol 3 " +
+                                        std::string(payload.begin(), payload.end())}),
+              receivedData(host.take(1)));
     BroadcastReq broadcast;
     broadcast.app.SetIPv4("0.0.0.0");
     broadcast.data.Set("all", 3);
@@ -394,10 +396,10 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
 }
 
 TEST_F(FileSendTest, RefusalsNameTheirCause) {
-    EXPECT_EQ(-RESULT_UNKNOWN_TARGET, sendFiles({big}, 7));
-    EXPECT_EQ(-RESULT_MISSING_FILE, sendFiles({files.file("absent")}));
-    EXPECT_EQ(-RESULT_MISSING_FILE, sendFiles({files.path()}));
-    EXPECT_EQ(-RESULT_NO_RECEIVE_FOLDER, sendFiles({big}, 2));
+    EXPECT_EQ((std::vector<int32_t>{-RESULT_UNKNOWN_TARGET, -RESULT_MISSING_FILE, -RESULT_MISSING_FILE,
+                                    -RESULT_NO_RECEIVE_FOLDER}),
+              (std::vector<int32_t>{sendFiles({big}, 7), sendFiles({files.file("absent")}), sendFiles({files.path()}),
+                                    sendFiles({big}, 2)}));
     SetReceiveOptionReq option;
     option.SetDirectory(files.file("absent").c_str());
     EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
@@ -411,9 +413,8 @@ TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartia
     EXPECT_EQ(RESULT_UNKNOWN_TASK, control(2, ACTION_PAUSE_SEND, task + 1));
     EXPECT_EQ(RESULT_OK, control(2, ACTION_PAUSE_SEND, task));
     host.take(1);
-    for (int i = 0; i < 5; ++i) {
-        run(1000);
-    }
+    run(1000);
+    run(4000);
     EXPECT_TRUE(host.take(2).empty());
     EXPECT_EQ(RESULT_OK, control(2, ACTION_RESUME_SEND, task));
     service->tick();
@@ -435,9 +436,8 @@ TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartia
     service->disconnect(1);
     const std::vector<SendFileStatusRes> events = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS);
     ASSERT_EQ(1u, events.size());
-    EXPECT_EQ(FILE_EVENT_FAILED, events[0].nEventType);
-    EXPECT_EQ(RESULT_UNKNOWN_TARGET, events[0].nStatus);
-    EXPECT_EQ(second, events[0].nTaskID);
+    EXPECT_EQ(std::make_tuple(FILE_EVENT_FAILED, RESULT_UNKNOWN_TARGET, second),
+              std::make_tuple(events[0].nEventType, events[0].nStatus, events[0].nTaskID));
     EXPECT_NE(0, access((inbox + "/big.bin").c_str(), F_OK));
 }
 
@@ -476,14 +476,10 @@ TEST_F(MediaTest, BrowsingWalksTheFolderTreeAndNeverLeavesIt) {
     const GetFileListRes root = list(ACTION_GET_ROOT_FILE_LIST, "", server);
     ASSERT_EQ(RESULT_OK, root.nResult);
     ASSERT_EQ(2u, root.items.size());  // no hidden file, no link leading out
-    EXPECT_STREQ("Music", root.items[0].objectID);
     EXPECT_STREQ("object.container.storageFolder", root.items[0].objectType);
-    EXPECT_STREQ("notes.txt", root.items[1].objectTitle);
     EXPECT_STREQ("0", root.items[1].objectParentID);
-    const GetFileListRes music = list(ACTION_GET_CHILD_FILE_LIST, "Music", server);
-    ASSERT_EQ(1u, music.items.size());
-    EXPECT_STREQ("Music/track.mp3", music.items[0].objectID);
-    EXPECT_STREQ("object.item.audioItem.musicTrack", music.items[0].objectType);
+    EXPECT_STREQ("object.item.audioItem.musicTrack",
+                 list(ACTION_GET_CHILD_FILE_LIST, "Music", server).items.at(0).objectType);
     EXPECT_EQ(1u, list(ACTION_GET_PARENT_FILE_LIST, "Music/track.mp3", server).items.size());
     EXPECT_EQ(2u, list(ACTION_GET_PARENT_FILE_LIST, "Music", server).items.size());
 
@@ -499,9 +495,8 @@ TEST_F(MediaTest, BrowsingWalksTheFolderTreeAndNeverLeavesIt) {
     parent.item = item("Music/track.mp3");
     ASSERT_TRUE(send(1, parent));
     const GetParentDirectoryInfoRes info = only<GetParentDirectoryInfoRes>(host.take(1), ACTION_GET_PARENT_DIRECTORY_INFO).at(0);
-    EXPECT_EQ(RESULT_OK, info.nResult);
-    EXPECT_STREQ("Music", info.parent.objectID);
-    EXPECT_STREQ("0", info.parent.objectParentID);
+    EXPECT_EQ(std::make_tuple(RESULT_OK, std::string("Music"), std::string("0")),
+              std::make_tuple(info.nResult, std::string(info.parent.objectID), std::string(info.parent.objectParentID)));
 }
 
 TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
@@ -555,9 +550,6 @@ TEST_F(MediaTest, PlaybackFindsTheRendererInEitherPositionAndReportsWrongStates)
         request.renderer = renderer;
         EXPECT_EQ(step.second, result<FilePlayCtrlRes>(1, request)) << step.first;
     }
-    FilePlayCtrlReq stop(ACTION_STOP_PLAYING_FILE);
-    stop.renderer = server;
-    EXPECT_EQ(RESULT_UNKNOWN_DEVICE, result<FilePlayCtrlRes>(1, stop));
 }
 
 TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
@@ -588,17 +580,12 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     EXPECT_EQ(DEVICE_LEFT, left[0].nChangeType);
 }
 
-TEST(EmulatorTraceTest, OneLinePerMessageInWireOrderWithNamedFields) {
-    Host host;
-    ServiceConfig config;
-    config.fTrace = true;
-    Service service(config, host);
-    service.connect(1);
+TEST_F(EmulatorTest, TheTraceHasOneLinePerMessageInWireOrderWithNamedFields) {
+    service->connect(1);
     RegisterReq request;
     request.SetAppName("al\"ice\n");
     request.fAppEvents = true;
-    const Bytes body = pelktest::Encode(request);
-    ASSERT_TRUE(service.receive(1, reinterpret_cast<const char*>(body.data()), static_cast<uint32_t>(body.size())));
+    ASSERT_TRUE(send(1, request));
     ASSERT_EQ(3u, host.traces.size());
     EXPECT_EQ("<- c1 RegisterReq(1) nAppID=0 szAppName=\"al\\\"ice\\x0a\" fDeviceEvents=0 fAppEvents=1", host.traces[0]);
     EXPECT_EQ("-> c1 \"al\\\"ice\\x0a\"/1 RegisterRes(1) nAppID=1 nResult=0", host.traces[1]);
