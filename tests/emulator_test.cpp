@@ -495,8 +495,8 @@ TEST_F(MediaTest, BrowsingWalksTheFolderTreeAndNeverLeavesIt) {
     parent.item = item("Music/track.mp3");
     ASSERT_TRUE(send(1, parent));
     const GetParentDirectoryInfoRes info = only<GetParentDirectoryInfoRes>(host.take(1), ACTION_GET_PARENT_DIRECTORY_INFO).at(0);
-    EXPECT_EQ(std::make_tuple(RESULT_OK, std::string("Music"), std::string("0")),
-              std::make_tuple(info.nResult, std::string(info.parent.objectID), std::string(info.parent.objectParentID)));
+    EXPECT_EQ(RESULT_OK, info.nResult);
+    EXPECT_EQ("Music in 0", std::string(info.parent.objectID) + " in " + info.parent.objectParentID);
 }
 
 TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
