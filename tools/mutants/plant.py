@@ -119,7 +119,7 @@ def plant(fault, build_dir, all_tests):
 TABLE_HEAD = "# Fault verdicts (tools/mutants/plant.py --table): ID, verdict, the tests that failed.\n"
 
 
-def write_table(path, faults, rows):
+def write_table(path, rows):
     """Keeps the rows of faults not run this time, in the order of faults.txt."""
     old, ident, notes = {}, None, []
     if os.path.exists(path):
@@ -185,7 +185,7 @@ def main():
         rows[fault["id"]] = (f"## {fault['id']} {verdict}: {fault['title']}\n"
                              + "".join(f"   {line}\n" for line in caught_by))
         if args.table:
-            write_table(args.table, faults, rows)
+            write_table(args.table, rows)
     # Leave the build matching the restored tree.
     run(["cmake", "--build", build_dir, "--parallel", str(os.cpu_count() or 2)])
     print(f"{len(faults) - bad} of {len(faults)} faults caught")
