@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ActionManager/ResultCodes.h"
@@ -402,11 +403,11 @@ TEST_F(MediaTest, EachOperationSendsItsActionAndLayout) {
         {17, 4, [&] { return agent->getLocalNetworkInfo(&network); }},
         {44, 4, [&] { return agent->searchInteractionApp(&apps); }},
     };
-    for (const auto& c : cases) {
+    for (const auto& [actionID, size, call] : cases) {
         // Zeros after the action ID read as an empty, successful reply of every layout here.
-        service->answer(std::get<0>(c), B().i32(std::get<0>(c)).zeros(1848));
-        EXPECT_EQ(0, std::get<2>(c)()) << std::get<0>(c);
-        EXPECT_EQ(std::get<1>(c), lastRequest(std::get<0>(c)).size()) << std::get<0>(c);
+        service->answer(actionID, B().i32(actionID).zeros(1848));
+        EXPECT_EQ(0, call()) << actionID;
+        EXPECT_EQ(size, lastRequest(actionID).size()) << actionID;
     }
     const Bytes play = lastRequest(35);
     EXPECT_EQ("server", readText(play, 4, 260));

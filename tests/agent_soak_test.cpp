@@ -91,7 +91,7 @@ protected:
         ASSERT_EQ(0, mkdir(dir.file("peer").c_str(), 0755));
         ASSERT_EQ(0, mkdir(dir.file("soak").c_str(), 0755));
         file = dir.write("payload.bin", std::string(kFileBytes, 'p'));
-        service = pelktest::startEmulator({PELK_EMULATOR, "--rate", "256K"}, dir.file("emulator.log"));
+        startService();
         ASSERT_FALSE(HasFailure());
         peer = std::make_unique<pelktest::ChildProcess>(
             std::vector<std::string>{PELK_CLI, "listen", "--name", "peer", "--number", "21", "--receive-dir",
@@ -117,6 +117,11 @@ protected:
         if (HasFailure() && service != nullptr) {
             std::cout << "--- emulator\n" << service->output();
         }
+    }
+
+    // The emulator at the rate that kFileBytes is sized for.
+    void startService() {
+        service = pelktest::startEmulator({PELK_EMULATOR, "--rate", "256K"}, dir.file("emulator.log"));
     }
 
     static void onApp(const InteractionApp*, int status, void* user) {
@@ -273,7 +278,7 @@ protected:
         if (cycle % kLateRestartEvery == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kLateRestartMs));
         }
-        service = pelktest::startEmulator({PELK_EMULATOR, "--rate", "256K"}, dir.file("emulator.log"));
+        startService();
         EXPECT_TRUE(await([&] { return m_nReconnected > reconnected; })) << "cycle " << cycle << ": no status 4";
         return secondsSince(killed);
     }

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
-#include <chrono>
 #include <thread>
 
 #include "ActionManager/ResultCodes.h"

@@ -129,11 +129,15 @@ protected:
         return -1;
     }
 
-    // Moves the clock on by ms, or, without ms, until no transfer runs.
-    void run(int64_t ms = -1) {
-        for (int i = 0; i < 10000 && (ms < 0 ? service->taskCount() > 0 : i == 0); ++i) {
-            host.now += ms < 0 ? 200 : ms;
-            service->tick();
+    // Moves the clock on by ms for one tick.
+    void run(int64_t ms) {
+        host.now += ms;
+        service->tick();
+    }
+    // Moves the clock on until no transfer runs.
+    void runTasks() {
+        for (int i = 0; i < 10000 && service->taskCount() > 0; ++i) {
+            run(200);
         }
     }
 
@@ -359,7 +363,7 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
     receiveInto(1, inbox, 34);
     const int32_t task = sendFiles({big, files.write("empty.txt", "")});
     ASSERT_GT(task, 0);
-    run();
+    runTasks();
     // Four chunks of the big file, its end, the empty file's end, the list's end; every one
     // counts the bytes of its file and its place in the list.
     const uint64_t size = readFile(big).size();
@@ -391,7 +395,7 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
     EXPECT_EQ(0, access((inbox + "/empty.txt").c_str(), F_OK));
 
     ASSERT_GT(sendFiles({big}), 0);  // renamed, since the receive option asks for it
-    run();
+    runTasks();
     EXPECT_EQ(readFile(big), readFile(inbox + "/big (1).bin"));
 }
 
@@ -509,7 +513,7 @@ TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
     ASSERT_TRUE(send(1, download));
     const CopyFileRes reply = only<CopyFileRes>(host.take(1), ACTION_DOWNLOAD_FILE).at(0);
     ASSERT_EQ(RESULT_OK, reply.nResult);
-    run();
+    runTasks();
     const DMFileCopyRes last = only<DMFileCopyRes>(host.take(1), ACTION_DM_FILE_COPY).back();
     EXPECT_EQ(FILE_EVENT_LIST_DONE, last.nEventType);
     EXPECT_EQ(reply.nTaskID, last.nTaskID);
@@ -522,7 +526,7 @@ TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
     upload.items = {item("notes.txt")};
     Wire::CopyText(upload.destinationFolder.objectID, "Music");
     ASSERT_EQ(RESULT_OK, result<CopyFileRes>(1, upload));
-    run();
+    runTasks();
     EXPECT_EQ("notes", readFile(media.file("Music/notes.txt")));
     upload.items = {item("Music")};  // a folder is no file to copy
     EXPECT_EQ(RESULT_MISSING_FILE, result<CopyFileRes>(1, upload));

@@ -40,30 +40,35 @@ public:
     int64_t now = 0;
 };
 
-// A message as one frame of a stream.
-std::string frameOf(const ReqResBase& message) {
-    const Bytes body = pelktest::Encode(message);
+// A body as one frame of a stream.
+std::string frameOf(const Bytes& body) {
     const Bytes whole = pelktest::frame(body);
     return std::string(whole.begin(), whole.end());
+}
+
+// The start of a session: registering under name (with app events, device events as asked) and
+// setting the receive folder.
+std::string registration(const char* name, bool deviceEvents, const char* folder) {
+    RegisterReq hello;
+    hello.SetAppName(name);
+    hello.fAppEvents = true;
+    hello.fDeviceEvents = deviceEvents;
+    SetReceiveOptionReq inbox;
+    inbox.SetDirectory(folder);
+    return frameOf(pelktest::Encode(hello)) + frameOf(pelktest::Encode(inbox));
 }
 
 // Writes the seeds to folder: a registration with events and a receive folder, alone and
 // followed by each request of the message tests' golden bodies.
 void writeSeeds(const std::string& folder) {
-    RegisterReq hello;
-    hello.SetAppName("fuzz");
-    hello.fAppEvents = hello.fDeviceEvents = true;
-    SetReceiveOptionReq inbox;
-    inbox.SetDirectory("inbox");
-    const std::string registration = frameOf(hello) + frameOf(inbox);
-    std::ofstream(folder + "/seed-0", std::ios::binary) << registration;
+    const std::string start = registration("fuzz", true, "inbox");
+    std::ofstream(folder + "/seed-0", std::ios::binary) << start;
     int number = 0;
     for (const pelktest::Golden& golden : pelktest::Goldens()) {
         const std::string name = golden.name;
         if (name.compare(name.size() - 3, 3, "Req") == 0) {
-            const Bytes whole = pelktest::frame(golden.body);
             std::ofstream(folder + "/seed-" + std::to_string(++number), std::ios::binary)
-                << registration << std::string(whole.begin(), whole.end());
+                << start << frameOf(golden.body);
         }
     }
 }
@@ -137,12 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (!service.start(error)) {
             abort();
         }
-        RegisterReq peerRegistration;
-        peerRegistration.SetAppName("peer");
-        peerRegistration.fAppEvents = true;
-        SetReceiveOptionReq peerInbox;
-        peerInbox.SetDirectory("peer");
-        const std::string peerSession = frameOf(peerRegistration) + frameOf(peerInbox);
+        static const std::string peerSession = registration("peer", false, "peer");
         service.connect(2);
         service.connect(1);
         for (const std::pair<ClientId, std::string>& session :
