@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -18,13 +17,12 @@ using PELK::Agent::TransferClient;
 using pelktest::body;
 using pelktest::Bytes;
 using pelktest::FakeService;
-using pelktest::FrameRecorder;
-
-namespace {
-
 using pelktest::Clock;
+using pelktest::FrameRecorder;
 using pelktest::secondsSince;
 using pelktest::sleepMs;
+
+namespace {
 
 // The soak overflows the event queue in every few rounds, so it narrows the bound.
 const unsigned int kSoakMaxEvents = 2000;
