@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -18,12 +17,12 @@ using PELK::Agent::TransferClient;
 using pelktest::body;
 using pelktest::Bytes;
 using pelktest::FakeService;
+using pelktest::Clock;
 using pelktest::FrameRecorder;
+using pelktest::secondsSince;
+using pelktest::sleepMs;
 
 namespace {
-
-using pelktest::Clock;
-using pelktest::secondsSince;
 
 // The soak overflows the event queue in every few rounds, so it narrows the bound.
 const unsigned int kSoakMaxEvents = 2000;
@@ -45,7 +44,6 @@ int call(TransferClient& client, Bytes request, int timeout, bool oneWay = false
 
 // The link has reported its loss (event 46).
 bool lost(FrameRecorder& seen) { return seen.waitFor(46, 1, 5000); }
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // One round of one fault; the link is started with the callback set, and stopped afterwards.
 void runFault(int fault, FakeService& service, TransferClient& client, FrameRecorder& seen) {

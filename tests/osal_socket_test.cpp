@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <climits>
 #include <thread>
 #include <utility>
@@ -95,7 +94,6 @@ struct Link {
     }
 };
 
-
 TEST(OsalSockets, ClosedAndResetPeersAreToldApart) {
     LogCapture capture;
     const std::string error = std::to_string(ECONNRESET);
@@ -174,7 +172,7 @@ TEST(OsalSockets, ReadinessConnectedStateAndPendingInput) {
     EXPECT_EQ(timed(0.15, [&] { return Osal::osal_socketReadable(link.mine, 0, 200000); }), 0);
     EXPECT_GT(Osal::osal_socketWritable(link.mine, 1), 0);
     EXPECT_TRUE(Osal::osal_socketConnected(link.mine, 1));
-    std::thread writer([&link] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); link.peerWrites("w"); });
+    std::thread writer([&link] { pelktest::sleepMs(100); link.peerWrites("w"); });
     EXPECT_GT(Osal::osal_socketReadable(link.mine, -1, 0), 0);
     writer.join();
     EXPECT_TRUE(Osal::osal_socketConnected(link.mine, 1));
@@ -232,7 +230,7 @@ TEST(OsalSockets, ASignalDoesNotEndAWaitForData) {
         });
         for (int i = 0; i < 20; ++i) {
             pthread_kill(reader.native_handle(), SIGUSR1);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            pelktest::sleepMs(5);
         }
         link.peerWrites("abcd");
         reader.join();

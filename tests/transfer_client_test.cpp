@@ -27,14 +27,13 @@ using pelktest::Clock;
 using pelktest::FakeService;
 using pelktest::FrameRecorder;
 using pelktest::secondsSince;
+using pelktest::sleepMs;
 
 namespace Frame = PELK::Agent::Frame;
 
 namespace {
 
 using Ids = std::vector<int32_t>;
-
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 class TransferClientTest : public ::testing::Test {
 protected:

@@ -200,17 +200,17 @@ bool FakeService::awaitClient(std::unique_lock<std::mutex>& lock) {
 }
 
 template <class Done>
-bool FakeService::waitUntil(int timeoutMs, Done done) {
+bool FakeService::waitLocked(int timeoutMs, Done done) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
 }
 
 bool FakeService::waitForConnections(int count, int timeoutMs) {
-    return waitUntil(timeoutMs, [&] { return m_connections >= count; });
+    return waitLocked(timeoutMs, [&] { return m_connections >= count; });
 }
 
 bool FakeService::waitForClientClose(int timeoutMs) {
-    return waitUntil(timeoutMs, [&] { return m_clientFd < 0; });
+    return waitLocked(timeoutMs, [&] { return m_clientFd < 0; });
 }
 
 void FakeService::keepBodies(bool keep) {
@@ -227,7 +227,7 @@ std::vector<Bytes> FakeService::received(int32_t actionID) const {
 }
 
 bool FakeService::waitForRequests(int32_t actionID, size_t count, int timeoutMs) {
-    return waitUntil(timeoutMs, [&] { return m_receivedCounts[actionID] >= count; });
+    return waitLocked(timeoutMs, [&] { return m_receivedCounts[actionID] >= count; });
 }
 
 int FakeService::connections() const {

@@ -154,7 +154,7 @@ private:
     void wake();
     // Waits, up to timeoutMs, until done() holds under the lock.
     template <class Done>
-    bool waitUntil(int timeoutMs, Done done);
+    bool waitLocked(int timeoutMs, Done done);
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
     bool awaitClient(std::unique_lock<std::mutex>& lock);

@@ -1,4 +1,4 @@
-// Waiting and counting for tests that watch other threads and processes: a poll until a
+// Waiting and counting for tests that watch other threads and processes: a pause, a poll until a
 // condition holds, the time since a start, and the entries of a folder (/proc/self/fd, say).
 // Header-only and stateless; any thread may use them.
 #ifndef PELK_TESTS_WAITS_H
@@ -17,6 +17,8 @@ using Clock = std::chrono::steady_clock;
 inline double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
+
+inline void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // Polls done() every pollMs until it holds (true) or timeoutMs have passed (false).
 template <class Done>
