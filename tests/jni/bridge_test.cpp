@@ -548,6 +548,7 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     jobject r = recorder();
     ASSERT_NO_FATAL_FAILURE(listenToEverything(r));
     const auto describe16 = [](jobject value) { return text16(call("describe", {value})); };
+    const std::u16string fileEventHead(kFileEvent.begin(), kFileEvent.end());
 
     // Each text as the service writes it into a field of that size, and as Java should see it.
     const struct {
@@ -564,8 +565,8 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     };
     for (const auto& t : texts) {
         SCOPED_TRACE(t.name);
-        const auto b = t.bytes;
-        const auto j = t.java;
+        const auto& b = t.bytes;
+        const auto& j = t.java;
         const Bytes app = appRecord(b(260), 12, 2, b(16), b(18), true);
         const Bytes dev = deviceRecord(b(260), 1, b(100), b(16), false);
         const Bytes item = B().str(b(100), 100).str(b(100), 100).str(b(100), 100).str(b(260), 260).str(b(260), 260)
@@ -574,8 +575,6 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         const std::u16string devJava = u"device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false}";
         const std::u16string itemJava = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," +
                                         j(260) + u"," + j(1024) + u"}";
-        const std::u16string fileEventJava =
-            u"fileEvent{5000000001,5000000002,5000000003,%,1,3,2," + j(260) + u"," + j(16) + u",";
 
         service.push(appEvent(1, app));
         service.push(deviceEvent(2, dev));
@@ -584,8 +583,7 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         service.push(fileEvent(14, 42, b(260), app, sendTag(12)));
         service.push(fileEvent(41, 77, b(260), sendTag(0), dev));
         const auto fileHeard = [&](const std::u16string& method, const std::u16string& task, const char16_t* tail) {
-            std::u16string heard = method + u" " + fileEventJava + tail;
-            return heard.replace(heard.find(u'%'), 1, task);
+            return method + u" " + fileEventHead + task + u",1,3,2," + j(260) + u"," + j(16) + u"," + tail;
         };
         for (const std::u16string& heard :
              {u"onInterAppChange " + appJava + u" 1", u"onDLNADeviceChange " + devJava + u" 2",
