@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
+#include <iostream>
 #include <thread>
 
 #include "ServiceCodes.h"
@@ -74,15 +74,7 @@ protected:
                                            dir.file("emulator.log"), kWaitMs);
     }
 
-    // Runs pelk as bob to its end; its exit status, with its output in `output`.
-    int pelk(const std::vector<std::string>& args, std::string& output) {
-        std::vector<std::string> argv = {PELK_CLI, args.at(0), "--name", "bob", "--verbose"};
-        argv.insert(argv.end(), args.begin() + 1, args.end());
-        output.clear();
-        return pelktest::runToEnd(argv, dir.file("bob.out"), output);
-    }
-
-    // Runs each pelk command as bob: it exits with its status and says each of its texts.
+    // Runs each pelk command as bob, to its end: it exits with its status and says each of its texts.
     struct Run {
         std::vector<std::string> args;
         int status;
@@ -90,8 +82,11 @@ protected:
     };
     void expectRuns(const std::vector<Run>& runs) {
         for (const Run& run : runs) {
+            std::vector<std::string> argv = {PELK_CLI, run.args.at(0), "--name", "bob", "--verbose"};
+            argv.insert(argv.end(), run.args.begin() + 1, run.args.end());
             std::string output;
-            EXPECT_EQ(run.status, pelk(run.args, output)) << run.args.at(0) << ":\n" << output;
+            EXPECT_EQ(run.status, pelktest::runToEnd(argv, dir.file("bob.out"), output)) << run.args.at(0) << ":\n"
+                                                                                         << output;
             for (const std::string& text : run.says) {
                 EXPECT_NE(std::string::npos, output.find(text)) << run.args.at(0) << " does not say " << text;
             }

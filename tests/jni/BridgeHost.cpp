@@ -202,6 +202,8 @@ Bytes fileRecord(const std::string& id, const std::string& title) {
         "http://10.0.0.5/" + id, 1024);
 }
 
+Bytes listReply(int32_t action, const Bytes& record) { return B().i32(action).i32(1).add(record).i32(0); }
+
 Bytes sendTag(int remoteAppID) {
     return B().u8(kAppID).u8(static_cast<uint8_t>(remoteAppID)).u8(3).u8(0).i32(0);
 }

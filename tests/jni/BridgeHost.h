@@ -62,6 +62,8 @@ constexpr int kAppID = 7;  // what the fake service assigns at registration
 Bytes appRecord(const std::string& name, int id, int type, const std::string& ip, const std::string& mac, bool local);
 Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local);
 Bytes fileRecord(const std::string& id, const std::string& title);
+// The answer to a search or browse that found this one record.
+Bytes listReply(int32_t action, const Bytes& record);
 // The tag that a send carries and its status events bring back: the two apps' low bytes.
 Bytes sendTag(int remoteAppID);
 

@@ -45,9 +45,9 @@ Bytes answerTo(int32_t action) {
         case 51: return body(51, {kFileListTask, 0});
         case 40: return body(40, {kDownloadTask, 0});
         case 39: return body(39, {kUploadTask, 0});
-        case 44: return B().i32(44).i32(1).add(kPeer).i32(0);
-        case 22: case 23: return B().i32(action).i32(1).add(kServer).i32(0);
-        case 24: case 25: case 26: return B().i32(action).i32(1).add(kItem).i32(0);
+        case 44: return listReply(44, kPeer);
+        case 22: case 23: return listReply(action, kServer);
+        case 24: case 25: case 26: return listReply(action, kItem);
         case 47: return B().i32(47).i32(0).add(kItem);
         default: return body(action, {0, 0});
     }

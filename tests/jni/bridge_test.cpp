@@ -178,7 +178,7 @@ TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
     EXPECT_EQ(next(devices), "onDLNADeviceChange device{Living room,1,uuid:tv,10.0.0.5,false} 2");
     expectCalls({{"getInteractionAppList", {}, "[" + peer + "]"},
                  {"searchInteractionApp", {}, "[app{far,30,1,10.0.0.30,,false}]", 44, {},
-                  B().i32(44).i32(1).add(appRecord("far", 30, 1, "10.0.0.30", "", false)).i32(0)},
+                  listReply(44, appRecord("far", 30, 1, "10.0.0.30", "", false))},
                  {"refreshInteractionApp", {boolean(true)}, 0, 49, {{4, "\1"}}, body(49, {0})},
                  {"unRegisterApp", {}, 0, 2},
                  {"getInteractionAppList", {}, "null"}});  // not registered: the agent's code, no array
@@ -307,7 +307,6 @@ TEST_F(BridgeTest, MediaServersAndRenderersAreBrowsedAndControlled) {
     jobject renderer = device("TV", 1, "uuid:tv", "10.0.0.6", false);
     jobject parent = make(kFileInfoClass, "()V");
     const std::string movies = "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]";
-    const auto list = [](int32_t action, const Bytes& record) { return B().i32(action).i32(1).add(record).i32(0); };
     for (int32_t action : {27, 28, 29, 30, 31, 33, 35, 36, 37, 38, 42, 43}) {
         service.answer(action, body(action, {0}));
     }
@@ -317,10 +316,10 @@ TEST_F(BridgeTest, MediaServersAndRenderersAreBrowsedAndControlled) {
         {"searchDMR", {}, "null", 23, {}, body(23, {0, 0})},  // no renderer gives no array
         {"getRootFileList", {server}, movies, 24,
          {{4, std::string(260, 'n')}, {268, "uuid:nas\0"s}, {368, "192.168.100.200:"}, {384, "\1"}},
-         list(24, fileRecord("1", "Movies"))},
+         listReply(24, fileRecord("1", "Movies"))},
         {"getFileList", {server, file("1", "Movies")}, "null", 25, {{616 + 200, "1\0"s}}, body(25, {0, 0})},
         {"getParentFileList", {server, file("7", "Clip")}, movies, 26, {{616 + 300, "Clip\0"s}},
-         list(26, fileRecord("1", "Movies"))},
+         listReply(26, fileRecord("1", "Movies"))},
         {"getParentDirectoryInfo", {file("1", "Movies"), parent}, 0, 47, {{204, "1\0"s}},
          B().i32(47).i32(0).add(fileRecord("0", "Root"))},
         {"getParentDirectoryInfo", {file("2", "(null)"), parent}, 1001, -47},
@@ -549,6 +548,7 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     jobject r = recorder();
     ASSERT_NO_FATAL_FAILURE(listenToEverything(r));
     const auto describe16 = [](jobject value) { return text16(call("describe", {value})); };
+    const std::u16string fileEventHead(kFileEvent.begin(), kFileEvent.end());
 
     // Each text as the service writes it into a field of that size, and as Java should see it.
     const struct {
@@ -565,8 +565,8 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     };
     for (const auto& t : texts) {
         SCOPED_TRACE(t.name);
-        const auto b = t.bytes;
-        const auto j = t.java;
+        const auto& b = t.bytes;
+        const auto& j = t.java;
         const Bytes app = appRecord(b(260), 12, 2, b(16), b(18), true);
         const Bytes dev = deviceRecord(b(260), 1, b(100), b(16), false);
         const Bytes item = B().str(b(100), 100).str(b(100), 100).str(b(100), 100).str(b(260), 260).str(b(260), 260)
@@ -575,8 +575,6 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         const std::u16string devJava = u"device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false}";
         const std::u16string itemJava = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," +
                                         j(260) + u"," + j(1024) + u"}";
-        const std::u16string fileEventJava =
-            u"fileEvent{5000000001,5000000002,5000000003,%,1,3,2," + j(260) + u"," + j(16) + u",";
 
         service.push(appEvent(1, app));
         service.push(deviceEvent(2, dev));
@@ -585,8 +583,7 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         service.push(fileEvent(14, 42, b(260), app, sendTag(12)));
         service.push(fileEvent(41, 77, b(260), sendTag(0), dev));
         const auto fileHeard = [&](const std::u16string& method, const std::u16string& task, const char16_t* tail) {
-            std::u16string heard = method + u" " + fileEventJava + tail;
-            return heard.replace(heard.find(u'%'), 1, task);
+            return method + u" " + fileEventHead + task + u",1,3,2," + j(260) + u"," + j(16) + u"," + tail;
         };
         for (const std::u16string& heard :
              {u"onInterAppChange " + appJava + u" 1", u"onDLNADeviceChange " + devJava + u" 2",
@@ -595,11 +592,11 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
             EXPECT_EQ(next16(r), heard);
         }
 
-        service.answer(44, B().i32(44).i32(1).add(app).i32(0));
+        service.answer(44, listReply(44, app));
         EXPECT_EQ(describe16(call("searchInteractionApp", {})), u"[" + appJava + u"]");
-        service.answer(22, B().i32(22).i32(1).add(dev).i32(0));
+        service.answer(22, listReply(22, dev));
         EXPECT_EQ(describe16(call("searchDMS", {})), u"[" + devJava + u"]");
-        service.answer(24, B().i32(24).i32(1).add(item).i32(0));
+        service.answer(24, listReply(24, item));
         EXPECT_EQ(describe16(call("getRootFileList", {nas()})), u"[" + itemJava + u"]");
         service.answer(47, B().i32(47).i32(0).add(item));
         jobject parent = make(kFileInfoClass, "()V");
