@@ -151,8 +151,25 @@ public final class Probe {
 
     private static final Pattern GLOBAL_REFS = Pattern.compile("JNI global refs: (\\d+)");
 
-    /** The VM's own count of JNI global references, from its thread dump. */
+    /**
+     * The VM's own count of JNI global references, from its thread dump, once two reads 20 ms apart
+     * agree: the first read loads the management classes, and the VM's own threads take and drop
+     * references at times.
+     */
     public static int globalRefs() throws Exception {
+        int last = readGlobalRefs();
+        for (int tries = 0; tries < 100; ++tries) {
+            Thread.sleep(20);
+            int now = readGlobalRefs();
+            if (now == last) {
+                return now;
+            }
+            last = now;
+        }
+        return last;
+    }
+
+    private static int readGlobalRefs() throws Exception {
         String dump = (String) ManagementFactory.getPlatformMBeanServer().invoke(
             new ObjectName("com.sun.management:type=DiagnosticCommand"), "threadPrint",
             new Object[] {new String[0]}, new String[] {String[].class.getName()});

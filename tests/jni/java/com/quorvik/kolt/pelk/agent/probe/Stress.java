@@ -142,7 +142,6 @@ public final class Stress {
      */
     public static String run(int threads, int seconds) throws Exception {
         PELKAgentNativeLib.getAppID();  // loads the library, whose classes cached at load count as the start
-        Probe.globalRefs();
         count("refs start", Probe.globalRefs());
         final int threadsAtStart = Probe.liveThreads();
         count("threads start", threadsAtStart);
