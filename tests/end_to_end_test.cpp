@@ -126,7 +126,7 @@ protected:
     CallbackRecorder& callbacks = CallbackRecorder::instance();
 };
 
-TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
+TEST_F(EndToEndTest, AppsFindEachOtherDataFlowsBothWaysAndAKilledAppIsRemoved) {
     ASSERT_TRUE(alice->awaitOutput("app joined: \"tester\" 127.0.0.1:", kWaitMs));
     const InteractionApp alicesRecord = appNamed("alice");
     EXPECT_EQ(11, alicesRecord.nType);
@@ -142,6 +142,13 @@ TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
     const CallbackRecord received = callbacks.of("receive-data").at(0);
     EXPECT_EQ("hello tester", std::string(received.data.begin(), received.data.end()));
     EXPECT_STREQ("bob", received.app.szAppName);
+
+    // An app killed outright is reported as removed.
+    ChildProcess victim({PELK_CLI, "listen", "--name", "victim", "--receive-dir", dir.path()}, dir.file("victim.out"));
+    ASSERT_TRUE(alice->awaitOutput("app joined: \"victim\""));
+    victim.signal(SIGKILL);
+    EXPECT_TRUE(appeared("victim", Agent::APP_STATUS_CHANGE_REMOVE));
+    EXPECT_TRUE(alice->awaitOutput("app left: \"victim\""));
 }
 
 // Through pelk and through the agent: the files arrive whole and the progress ends at the list.
@@ -210,28 +217,10 @@ TEST_F(EndToEndTest, TheMediaServerIsBrowsedDownloadedFromAndPlayed) {
     EXPECT_TRUE(emulator->awaitOutput("renderer plays item 1 of 1, \"track.mp3\""));
 }
 
-TEST_F(EndToEndTest, AnAppKilledOutrightIsReportedAsRemoved) {
-    ChildProcess victim({PELK_CLI, "listen", "--name", "victim", "--receive-dir", dir.path()}, dir.file("victim.out"));
-    ASSERT_TRUE(appeared("victim"));
-    ASSERT_TRUE(alice->awaitOutput("app joined: \"victim\""));
-    victim.signal(SIGKILL);
-    EXPECT_TRUE(appeared("victim", Agent::APP_STATUS_CHANGE_REMOVE));
-    EXPECT_TRUE(alice->awaitOutput("app left: \"victim\""));
-}
-
-TEST_F(EndToEndTest, BothAppsRegisterAgainByThemselvesAfterTheServiceRestarts) {
-    emulator->signal(SIGTERM);
-    ASSERT_EQ(0, emulator->wait(kWaitMs));
-    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_DISCONNECTED));
-    startEmulator();
-    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
-    EXPECT_TRUE(alice->awaitOutput("reconnected as \"alice\"", kReconnectMs));
-    expectRuns({{{"apps"}, 0, {"\"alice\"", "\"tester\""}}});
-}
-
 // A service that stalls (stopped here) makes a send time out in the middle of its frame: the app
-// hears of the loss at once, registers again by itself once the service runs, and data flows.
-TEST_F(EndToEndTest, AfterAStallCutsASendTheAppRegistersAgainAndDataFlows) {
+// hears of the loss at once, registers again by itself once the service runs, and data flows. Both
+// apps register again by themselves after the service restarts too.
+TEST_F(EndToEndTest, AfterAStallOrARestartOfTheServiceTheAppsRegisterAgainAndDataFlows) {
     const InteractionApp alicesRecord = appNamed("alice");
     emulator->signal(SIGSTOP);
     const std::string chunk(65535, 's');
@@ -247,6 +236,15 @@ TEST_F(EndToEndTest, AfterAStallCutsASendTheAppRegistersAgainAndDataFlows) {
     const std::string text = "after the stall";
     EXPECT_EQ(0, agent.sendData(text.data(), static_cast<unsigned int>(text.size()), &alicesRecord, false, 10));
     EXPECT_TRUE(alice->awaitOutput("bytes): after the stall"));
+
+    callbacks.clear();
+    emulator->signal(SIGTERM);
+    ASSERT_EQ(0, emulator->wait(kWaitMs));
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_DISCONNECTED));
+    startEmulator();
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
+    EXPECT_TRUE(alice->awaitOutput("reconnected as \"alice\"", kReconnectMs));
+    expectRuns({{{"apps"}, 0, {"\"alice\"", "\"tester\""}}});
 }
 
 TEST_F(EndToEndTest, BadInputGetsAClearAnswerAndTheServiceGoesOn) {
