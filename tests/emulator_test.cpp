@@ -168,11 +168,10 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
         }
         ASSERT_TRUE(receive(1, body));
         const std::vector<Bytes> sent = host.take(1);
-        ASSERT_FALSE(sent.empty());
         if (pelktest::actionIdOf(body) == ACTION_ASYN_SEND_DATA) {  // no reply; the status it asked for
             EXPECT_EQ(DATA_EVENT_FAILED, only<SendTCPDataStatusRes>(sent, ACTION_SEND_TCP_DATA_STATUS).at(0).nEventType);
         } else {
-            EXPECT_EQ(pelktest::actionIdOf(body), pelktest::actionIdOf(sent[0]));
+            EXPECT_EQ(pelktest::actionIdOf(body), pelktest::actionIdOf(sent.at(0)));
         }
     }
     // Before registration a request is refused; events, the link's own 46 and unknown IDs are
@@ -305,9 +304,8 @@ TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) 
     run(Service::kFollowUpDelayMs);
     const SendUDPDataStatusRes status = only<SendUDPDataStatusRes>(host.take(2), ACTION_SEND_UDP_DATA_STATUS).at(0);
     EXPECT_EQ(0, memcmp(udp.app.szIPv4, status.szIPv4, 16));
-    EXPECT_EQ(1, status.sendTag.byRemoteAppID);
-    EXPECT_EQ(2, status.sendTag.byLocalAppID);
-    EXPECT_EQ(DATA_EVENT_DELIVERED, status.nEventType);
+    EXPECT_EQ(std::make_tuple(1, 2, DATA_EVENT_DELIVERED),
+              std::make_tuple(int{status.sendTag.byRemoteAppID}, int{status.sendTag.byLocalAppID}, status.nEventType));
 
     AsynSendDataReq tcp;
     tcp.app = addressOf(300);  // unknown; its low byte still comes back
@@ -315,9 +313,9 @@ TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) 
     tcp.data.Set("t", 1);
     ASSERT_TRUE(send(2, tcp));
     const SendTCPDataStatusRes failed = only<SendTCPDataStatusRes>(host.take(2), ACTION_SEND_TCP_DATA_STATUS).at(0);
-    EXPECT_EQ(2, failed.nStatus);  // bob's second send with a status
-    EXPECT_EQ(DATA_EVENT_FAILED, failed.nEventType);
-    EXPECT_EQ(300 & 0xFF, failed.sendTag.byRemoteAppID);
+    // bob's second send with a status, and the target's low byte
+    EXPECT_EQ(std::make_tuple(2, DATA_EVENT_FAILED, 300 & 0xFF),
+              std::make_tuple(failed.nStatus, failed.nEventType, int{failed.sendTag.byRemoteAppID}));
 }
 
 // ---------------------------------------------------------------------------------------------
