@@ -457,7 +457,8 @@ protected:
     DLNADevice server, renderer;
 };
 
-// Downloads are pinned end to end; an upload goes into a folder of the server, and takes files only.
+// Downloads are left to the end-to-end tests; an upload goes into a folder of the server, and
+// takes files only.
 TEST_F(MediaTest, BrowsingAndUploadsStayInsideTheFolderTree) {
     const GetFileListRes root = list(ACTION_GET_ROOT_FILE_LIST, "", server);
     ASSERT_EQ(RESULT_OK, root.nResult);
