@@ -249,8 +249,8 @@ TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
 }
 
 // Data, large payload pieces and broadcasts reach their targets as their kinds with the sender's
-// record; unknown targets are refused.
-TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
+// record; unknown targets are refused; a send that asks for it is followed by a status event.
+TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollows) {
     join(1, "alice");
     join(2, "bob", 8);
     join(3, "carol");
@@ -287,13 +287,9 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
         EXPECT_EQ((std::vector<std::string>{std::to_string(DATA_KIND_BROADCAST) + " carol 3 all"}),
                   receivedData(host.take(other)));
     }
-}
 
-// The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
-// the low byte of its app ID in the tag; it files a UDP callback only after the reply.
-TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) {
-    join(1, "alice");
-    join(2, "bob");
+    // The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
+    // the low byte of its app ID in the tag; it files a UDP callback only after the reply.
     SendUDPDataReq udp;
     udp.app = addressOf(1);
     udp.app.szIPv4[14] = 'x';  // a byte behind the terminator
@@ -354,7 +350,16 @@ protected:
     std::string big;
 };
 
-TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
+TEST_F(FileSendTest, RefusalsNameTheirCauseAndFilesArriveWholeWithProgressToBothSides) {
+    EXPECT_EQ((std::vector<int32_t>{-RESULT_UNKNOWN_TARGET, -RESULT_MISSING_FILE, -RESULT_MISSING_FILE,
+                                    -RESULT_NO_RECEIVE_FOLDER}),
+              (std::vector<int32_t>{sendFiles({big}, 7), sendFiles({files.file("absent")}), sendFiles({files.path()}),
+                                    sendFiles({big}, 2)}));
+    SetReceiveOptionReq option;
+    option.SetDirectory(files.file("absent").c_str());
+    EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
+    EXPECT_EQ(0u, service->taskCount());
+
     receiveInto(1, inbox, 34);
     const int32_t task = sendFiles({big, files.write("empty.txt", "")});
     ASSERT_GT(task, 0);
@@ -383,17 +388,6 @@ TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
     ASSERT_GT(sendFiles({big}), 0);  // renamed, since the receive option asks for it
     runTasks();
     EXPECT_EQ(readFile(big), readFile(inbox + "/big (1).bin"));
-}
-
-TEST_F(FileSendTest, RefusalsNameTheirCause) {
-    EXPECT_EQ((std::vector<int32_t>{-RESULT_UNKNOWN_TARGET, -RESULT_MISSING_FILE, -RESULT_MISSING_FILE,
-                                    -RESULT_NO_RECEIVE_FOLDER}),
-              (std::vector<int32_t>{sendFiles({big}, 7), sendFiles({files.file("absent")}), sendFiles({files.path()}),
-                                    sendFiles({big}, 2)}));
-    SetReceiveOptionReq option;
-    option.SetDirectory(files.file("absent").c_str());
-    EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
-    EXPECT_EQ(0u, service->taskCount());
 }
 
 TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartialFile) {
