@@ -168,11 +168,10 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
         }
         ASSERT_TRUE(receive(1, body));
         const std::vector<Bytes> sent = host.take(1);
-        ASSERT_FALSE(sent.empty());
         if (pelktest::actionIdOf(body) == ACTION_ASYN_SEND_DATA) {  // no reply; the status it asked for
             EXPECT_EQ(DATA_EVENT_FAILED, only<SendTCPDataStatusRes>(sent, ACTION_SEND_TCP_DATA_STATUS).at(0).nEventType);
         } else {
-            EXPECT_EQ(pelktest::actionIdOf(body), pelktest::actionIdOf(sent[0]));
+            EXPECT_EQ(pelktest::actionIdOf(body), pelktest::actionIdOf(sent.at(0)));
         }
     }
     // Before registration a request is refused; events, the link's own 46 and unknown IDs are
@@ -250,8 +249,8 @@ TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
 }
 
 // Data, large payload pieces and broadcasts reach their targets as their kinds with the sender's
-// record; unknown targets are refused.
-TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
+// record; unknown targets are refused; a send that asks for it is followed by a status event.
+TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollows) {
     join(1, "alice");
     join(2, "bob", 8);
     join(3, "carol");
@@ -265,11 +264,8 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
     EXPECT_EQ((std::vector<std::string>{"0 bob 2 hello"}), receivedData(delivered));
     EXPECT_EQ(1, pelktest::readInt32(delivered.at(0), 4)) << "the status word";
 
-    for (const char* ip : {"127.0.0.1", "10.0.0.1"}) {  // app 9 is nobody; app 1 lives on this device only
-        request.app = addressOf(std::string(ip) == "127.0.0.1" ? 9 : 1);
-        request.app.SetIPv4(ip);
-        EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request)) << ip;
-    }
+    request.app.SetIPv4("10.0.0.1");  // app 1 lives on this device only
+    EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
     EXPECT_TRUE(host.take(1).empty());
 
     SendUDPHugeDataReq piece;  // relayed whole, once it has room for its list ID and sequence number
@@ -291,13 +287,9 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecord) {
         EXPECT_EQ((std::vector<std::string>{std::to_string(DATA_KIND_BROADCAST) + " carol 3 all"}),
                   receivedData(host.take(other)));
     }
-}
 
-// The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
-// the low byte of its app ID in the tag; it files a UDP callback only after the reply.
-TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) {
-    join(1, "alice");
-    join(2, "bob");
+    // The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
+    // the low byte of its app ID in the tag; it files a UDP callback only after the reply.
     SendUDPDataReq udp;
     udp.app = addressOf(1);
     udp.app.szIPv4[14] = 'x';  // a byte behind the terminator
@@ -308,9 +300,8 @@ TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) 
     run(Service::kFollowUpDelayMs);
     const SendUDPDataStatusRes status = only<SendUDPDataStatusRes>(host.take(2), ACTION_SEND_UDP_DATA_STATUS).at(0);
     EXPECT_EQ(0, memcmp(udp.app.szIPv4, status.szIPv4, 16));
-    EXPECT_EQ(1, status.sendTag.byRemoteAppID);
-    EXPECT_EQ(2, status.sendTag.byLocalAppID);
-    EXPECT_EQ(DATA_EVENT_DELIVERED, status.nEventType);
+    EXPECT_EQ(std::make_tuple(1, 2, DATA_EVENT_DELIVERED),
+              std::make_tuple(int{status.sendTag.byRemoteAppID}, int{status.sendTag.byLocalAppID}, status.nEventType));
 
     AsynSendDataReq tcp;
     tcp.app = addressOf(300);  // unknown; its low byte still comes back
@@ -318,9 +309,9 @@ TEST_F(EmulatorTest, SendStatusEventsCarryTheTargetFieldWholeAndFollowTheReply) 
     tcp.data.Set("t", 1);
     ASSERT_TRUE(send(2, tcp));
     const SendTCPDataStatusRes failed = only<SendTCPDataStatusRes>(host.take(2), ACTION_SEND_TCP_DATA_STATUS).at(0);
-    EXPECT_EQ(2, failed.nStatus);  // bob's second send with a status
-    EXPECT_EQ(DATA_EVENT_FAILED, failed.nEventType);
-    EXPECT_EQ(300 & 0xFF, failed.sendTag.byRemoteAppID);
+    // bob's second send with a status, and the target's low byte
+    EXPECT_EQ(std::make_tuple(2, DATA_EVENT_FAILED, 300 & 0xFF),
+              std::make_tuple(failed.nStatus, failed.nEventType, int{failed.sendTag.byRemoteAppID}));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -359,47 +350,7 @@ protected:
     std::string big;
 };
 
-TEST_F(FileSendTest, FilesArriveWholeWithProgressToBothSidesEndingAtTheTotal) {
-    receiveInto(1, inbox, 34);
-    const int32_t task = sendFiles({big, files.write("empty.txt", "")});
-    ASSERT_GT(task, 0);
-    runTasks();
-    // Four chunks of the big file, its end, the empty file's end, the list's end; every one
-    // counts the bytes of its file and its place in the list.
-    const uint64_t size = readFile(big).size();
-    std::vector<std::string> sent;
-    for (const SendFileStatusRes& e : only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS)) {
-        EXPECT_EQ(task, e.nTaskID);
-        EXPECT_STREQ("alice", e.receiver.szAppName);
-        sent.push_back(std::to_string(e.nEventType) + " " + std::to_string(e.nCurrentCount) + "/" +
-                       std::to_string(e.nTotalCount) + " " + std::to_string(e.ullCurrentSize) + "/" +
-                       std::to_string(e.ullTotalSize) + " " + std::to_string(e.ullListTotalSize));
-    }
-    const std::string k = std::to_string(Service::kChunkBytes), all = std::to_string(size);
-    std::vector<std::string> expected;
-    for (uint64_t done : {Service::kChunkBytes, 2 * Service::kChunkBytes, 3 * Service::kChunkBytes}) {
-        expected.push_back("1 1/2 " + std::to_string(done) + "/" + all + " " + all);
-    }
-    expected.insert(expected.end(), {"2 1/2 " + all + "/" + all + " " + all, "2 2/2 0/0 " + all, "3 2/2 0/0 " + all});
-    EXPECT_EQ(expected, sent);
-    // The receiver hears of progress in steps of at least its option's 34 %: at 33 % and 99 %.
-    std::vector<std::string> received;
-    for (const ReceiveFileRes& e : only<ReceiveFileRes>(host.take(1), ACTION_RECEIVE_FILE)) {
-        EXPECT_STREQ("bob", e.sender.szAppName);
-        received.push_back(std::to_string(e.nEventType) + " " + std::to_string(e.ullCurrentSize));
-    }
-    EXPECT_EQ((std::vector<std::string>{"1 " + k, "1 " + std::to_string(3 * Service::kChunkBytes), "2 " + all, "2 0",
-                                        "3 0"}),
-              received);
-    EXPECT_EQ(readFile(big), readFile(inbox + "/big.bin"));
-    EXPECT_EQ(0, access((inbox + "/empty.txt").c_str(), F_OK));
-
-    ASSERT_GT(sendFiles({big}), 0);  // renamed, since the receive option asks for it
-    runTasks();
-    EXPECT_EQ(readFile(big), readFile(inbox + "/big (1).bin"));
-}
-
-TEST_F(FileSendTest, RefusalsNameTheirCause) {
+TEST_F(FileSendTest, RefusalsNameTheirCauseAndFilesArriveWholeWithProgressToBothSides) {
     EXPECT_EQ((std::vector<int32_t>{-RESULT_UNKNOWN_TARGET, -RESULT_MISSING_FILE, -RESULT_MISSING_FILE,
                                     -RESULT_NO_RECEIVE_FOLDER}),
               (std::vector<int32_t>{sendFiles({big}, 7), sendFiles({files.file("absent")}), sendFiles({files.path()}),
@@ -408,17 +359,44 @@ TEST_F(FileSendTest, RefusalsNameTheirCause) {
     option.SetDirectory(files.file("absent").c_str());
     EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
     EXPECT_EQ(0u, service->taskCount());
+
+    receiveInto(1, inbox, 34);
+    const int32_t task = sendFiles({big, files.write("empty.txt", "")});
+    ASSERT_GT(task, 0);
+    runTasks();
+    // Four chunks of the big file, its end, the empty file's end, the list's end; every one
+    // counts the bytes of its file and its place in the list.
+    using Event = std::tuple<int32_t, int32_t, uint64_t, uint64_t>;  // type, file number, its done and size
+    const uint64_t k = Service::kChunkBytes, all = readFile(big).size();
+    std::vector<Event> sent, received;
+    for (const SendFileStatusRes& e : only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS)) {
+        EXPECT_EQ(std::make_tuple(task, 2, all), std::make_tuple(e.nTaskID, e.nTotalCount, e.ullListTotalSize));
+        EXPECT_STREQ("alice", e.receiver.szAppName);
+        sent.emplace_back(e.nEventType, e.nCurrentCount, e.ullCurrentSize, e.ullTotalSize);
+    }
+    EXPECT_EQ((std::vector<Event>{{1, 1, k, all}, {1, 1, 2 * k, all}, {1, 1, 3 * k, all}, {2, 1, all, all},
+                                  {2, 2, 0, 0}, {3, 2, 0, 0}}),
+              sent);
+    // The receiver hears of progress in steps of at least its option's 34 %: at 33 % and 99 %.
+    for (const ReceiveFileRes& e : only<ReceiveFileRes>(host.take(1), ACTION_RECEIVE_FILE)) {
+        EXPECT_STREQ("bob", e.sender.szAppName);
+        received.emplace_back(e.nEventType, e.nCurrentCount, e.ullCurrentSize, e.ullTotalSize);
+    }
+    EXPECT_EQ((std::vector<Event>{{1, 1, k, all}, {1, 1, 3 * k, all}, {2, 1, all, all}, {2, 2, 0, 0}, {3, 2, 0, 0}}),
+              received);
+
+    ASSERT_GT(sendFiles({big}), 0);  // renamed, since the receive option asks for it
+    runTasks();
+    EXPECT_EQ(readFile(big), readFile(inbox + "/big (1).bin"));
 }
 
 TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartialFile) {
     const int32_t task = sendFiles({big});
     run(Service::kFollowUpDelayMs);  // the first chunk
     EXPECT_EQ(RESULT_UNKNOWN_TASK, control(1, ACTION_PAUSE_SEND, task));  // only the sender pauses
-    EXPECT_EQ(RESULT_UNKNOWN_TASK, control(2, ACTION_PAUSE_SEND, task + 1));
     EXPECT_EQ(RESULT_OK, control(2, ACTION_PAUSE_SEND, task));
     host.take(1);
-    run(1000);
-    run(4000);
+    run(5000);
     EXPECT_TRUE(host.take(2).empty());
     EXPECT_EQ(RESULT_OK, control(2, ACTION_RESUME_SEND, task));
     service->tick();
@@ -429,7 +407,6 @@ TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartia
 
     EXPECT_EQ(RESULT_UNKNOWN_TASK, control(2, ACTION_CANCEL_RECEIVE, task));  // only the receiver
     EXPECT_EQ(RESULT_OK, control(1, ACTION_CANCEL_RECEIVE, task));
-    EXPECT_EQ(FILE_EVENT_CANCELLED, only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS).at(0).nEventType);
     EXPECT_EQ(0u, service->taskCount());
     EXPECT_NE(0, access((inbox + "/big.bin").c_str(), F_OK));
 
@@ -438,11 +415,9 @@ TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartia
     run(Service::kFollowUpDelayMs);
     host.take(2);
     service->disconnect(1);
-    const std::vector<SendFileStatusRes> events = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS);
-    ASSERT_EQ(1u, events.size());
+    const SendFileStatusRes failed = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS).at(0);
     EXPECT_EQ(std::make_tuple(FILE_EVENT_FAILED, RESULT_UNKNOWN_TARGET, second),
-              std::make_tuple(events[0].nEventType, events[0].nStatus, events[0].nTaskID));
-    EXPECT_NE(0, access((inbox + "/big.bin").c_str(), F_OK));
+              std::make_tuple(failed.nEventType, failed.nStatus, failed.nTaskID));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -476,7 +451,9 @@ protected:
     DLNADevice server, renderer;
 };
 
-TEST_F(MediaTest, BrowsingWalksTheFolderTreeAndNeverLeavesIt) {
+// Downloads are left to the end-to-end tests; an upload goes into a folder of the server, and
+// takes files only.
+TEST_F(MediaTest, BrowsingAndUploadsStayInsideTheFolderTree) {
     const GetFileListRes root = list(ACTION_GET_ROOT_FILE_LIST, "", server);
     ASSERT_EQ(RESULT_OK, root.nResult);
     ASSERT_EQ(2u, root.items.size());  // no hidden file, no link leading out
@@ -495,32 +472,6 @@ TEST_F(MediaTest, BrowsingWalksTheFolderTreeAndNeverLeavesIt) {
     Wire::CopyText(stranger.UUID, "uuid:nobody");
     EXPECT_EQ(RESULT_UNKNOWN_DEVICE, list(ACTION_GET_ROOT_FILE_LIST, "", stranger).nResult);
 
-    GetParentDirectoryInfoReq parent;
-    parent.item = item("Music/track.mp3");
-    ASSERT_TRUE(send(1, parent));
-    const GetParentDirectoryInfoRes info = only<GetParentDirectoryInfoRes>(host.take(1), ACTION_GET_PARENT_DIRECTORY_INFO).at(0);
-    EXPECT_EQ(RESULT_OK, info.nResult);
-    EXPECT_EQ("Music in 0", std::string(info.parent.objectID) + " in " + info.parent.objectParentID);
-}
-
-TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
-    receiveInto(1, files.path());
-    files.write("track.mp3", "taken");
-    CopyFileReq download;
-    download.actionID = ACTION_DOWNLOAD_FILE;
-    download.source = server;
-    download.items = {item("Music/track.mp3"), item("notes.txt")};
-    ASSERT_TRUE(send(1, download));
-    const CopyFileRes reply = only<CopyFileRes>(host.take(1), ACTION_DOWNLOAD_FILE).at(0);
-    ASSERT_EQ(RESULT_OK, reply.nResult);
-    runTasks();
-    const DMFileCopyRes last = only<DMFileCopyRes>(host.take(1), ACTION_DM_FILE_COPY).back();
-    EXPECT_EQ(FILE_EVENT_LIST_DONE, last.nEventType);
-    EXPECT_EQ(reply.nTaskID, last.nTaskID);
-    EXPECT_STREQ(Service::kMediaServerUDN, last.otherSide.UUID);
-    EXPECT_EQ(readFile(media.file("Music/track.mp3")), readFile(files.file("track (1).mp3"))) << "numbered, not over";
-    EXPECT_EQ("notes", readFile(files.file("notes.txt")));
-
     CopyFileReq upload;
     upload.source = upload.destination = server;
     upload.items = {item("notes.txt")};
@@ -530,6 +481,13 @@ TEST_F(MediaTest, DownloadsGoToTheReceiveFolderAndUploadsIntoAServerFolder) {
     EXPECT_EQ("notes", readFile(media.file("Music/notes.txt")));
     upload.items = {item("Music")};  // a folder is no file to copy
     EXPECT_EQ(RESULT_MISSING_FILE, result<CopyFileRes>(1, upload));
+
+    GetParentDirectoryInfoReq parent;
+    parent.item = item("Music/track.mp3");
+    ASSERT_TRUE(send(1, parent));
+    const GetParentDirectoryInfoRes info = only<GetParentDirectoryInfoRes>(host.take(1), ACTION_GET_PARENT_DIRECTORY_INFO).at(0);
+    EXPECT_EQ(RESULT_OK, info.nResult);
+    EXPECT_EQ("Music in 0", std::string(info.parent.objectID) + " in " + info.parent.objectParentID);
 }
 
 TEST_F(MediaTest, PlaybackFindsTheRendererInEitherPositionAndReportsWrongStates) {

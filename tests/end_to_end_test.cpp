@@ -7,9 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <iostream>
-#include <thread>
 
 #include "ServiceCodes.h"
 #include "support/AgentFixture.h"
@@ -59,10 +59,10 @@ protected:
     void TearDown() override {
         agent.unregisterApp();
         // Both end cleanly on SIGTERM; a sanitizer's report would change their status.
-        alice->signal(SIGTERM);
-        EXPECT_EQ(0, alice->wait(kWaitMs));
-        emulator->signal(SIGTERM);
-        EXPECT_EQ(0, emulator->wait(kWaitMs));
+        for (ChildProcess* program : {alice.get(), emulator.get()}) {
+            program->signal(SIGTERM);
+            EXPECT_EQ(0, program->wait(kWaitMs));
+        }
         if (HasFailure()) {
             std::cout << "--- emulator\n" << emulator->output() << "--- alice\n" << alice->output();
         }
@@ -84,39 +84,31 @@ protected:
         for (const Run& run : runs) {
             std::vector<std::string> argv = {PELK_CLI, run.args.at(0), "--name", "bob", "--verbose"};
             argv.insert(argv.end(), run.args.begin() + 1, run.args.end());
-            std::string output;
-            EXPECT_EQ(run.status, pelktest::runToEnd(argv, dir.file("bob.out"), output)) << run.args.at(0) << ":\n"
-                                                                                         << output;
+            ChildProcess bob(argv, dir.file("bob.out"));
+            EXPECT_EQ(run.status, bob.wait(60000)) << run.args.at(0) << ":\n" << bob.output();
             for (const std::string& text : run.says) {
-                EXPECT_NE(std::string::npos, output.find(text)) << run.args.at(0) << " does not say " << text;
+                EXPECT_NE(std::string::npos, bob.output().find(text)) << run.args.at(0) << " does not say " << text;
             }
         }
     }
 
     // The agent's app callback has reported name with this status.
     bool appeared(const std::string& name, int status = Agent::APP_STATUS_CHANGE_ADD) {
-        return pelktest::waitUntil(
-            [&] {
-                for (const CallbackRecord& record : callbacks.of("app")) {
-                    if (record.status == status && name == record.app.szAppName) {
-                        return true;
-                    }
-                }
-                return false;
-            },
-            kWaitMs, 20);
+        return pelktest::waitUntil([&] {
+            const std::vector<CallbackRecord> apps = callbacks.of("app");
+            return std::any_of(apps.begin(), apps.end(),
+                               [&](const CallbackRecord& r) { return r.status == status && name == r.app.szAppName; });
+        }, kWaitMs, 20);
     }
 
     InteractionApp appNamed(const std::string& name) {
         std::vector<InteractionApp> apps;
         EXPECT_EQ(0, agent.getInteractionAppList(&apps));
-        for (const InteractionApp& app : apps) {
-            if (name == app.szAppName) {
-                return app;
-            }
-        }
-        ADD_FAILURE() << "no app " << name;
-        return InteractionApp();
+        const auto found = std::find_if(apps.begin(), apps.end(), [&](const InteractionApp& app) {
+            return name == app.szAppName;
+        });
+        EXPECT_NE(apps.end(), found) << "no app " << name;
+        return found == apps.end() ? InteractionApp() : *found;
     }
 
     // Sends the files to alice, with the callback that records "file" events; the task's ID.
@@ -127,29 +119,6 @@ protected:
         return taskID;
     }
 
-    // The progress events of one transfer move forward and end at the whole list (the receiver
-    // may tell of it before the sender hears its last event).
-    void expectMonotonicToTheTotal(const char* kind, uint64_t total) {
-        std::vector<file_transfer_event> events;
-        ASSERT_TRUE(pelktest::waitUntil([&] {
-            events.clear();
-            for (const CallbackRecord& record : callbacks.of(kind)) {
-                events.push_back(record.fileEvent);
-            }
-            return !events.empty() && events.back().nEventType == FILE_EVENT_LIST_DONE;
-        }, kWaitMs, 20));
-        uint64_t before = 0;
-        int64_t file = 0;
-        for (const file_transfer_event& event : events) {
-            EXPECT_GE(event.nCurrentCount, file);
-            EXPECT_TRUE(event.nCurrentCount > file || event.ullCurrentSize >= before);
-            file = event.nCurrentCount;
-            before = event.ullCurrentSize;
-            EXPECT_EQ(total, event.ullListTotalSize);
-        }
-        EXPECT_EQ(events.back().nTotalCount, events.back().nCurrentCount);
-    }
-
     pelktest::TempDir dir;
     std::unique_ptr<ChildProcess> emulator;
     std::unique_ptr<ChildProcess> alice;
@@ -157,7 +126,7 @@ protected:
     CallbackRecorder& callbacks = CallbackRecorder::instance();
 };
 
-TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
+TEST_F(EndToEndTest, AppsFindEachOtherDataFlowsBothWaysAndAKilledAppIsRemoved) {
     ASSERT_TRUE(alice->awaitOutput("app joined: \"tester\" 127.0.0.1:", kWaitMs));
     const InteractionApp alicesRecord = appNamed("alice");
     EXPECT_EQ(11, alicesRecord.nType);
@@ -173,43 +142,56 @@ TEST_F(EndToEndTest, AppsFindEachOtherAndDataFlowsBothWays) {
     const CallbackRecord received = callbacks.of("receive-data").at(0);
     EXPECT_EQ("hello tester", std::string(received.data.begin(), received.data.end()));
     EXPECT_STREQ("bob", received.app.szAppName);
+
+    // An app killed outright is reported as removed.
+    ChildProcess victim({PELK_CLI, "listen", "--name", "victim", "--receive-dir", dir.path()}, dir.file("victim.out"));
+    ASSERT_TRUE(alice->awaitOutput("app joined: \"victim\""));
+    victim.signal(SIGKILL);
+    EXPECT_TRUE(appeared("victim", Agent::APP_STATUS_CHANGE_REMOVE));
+    EXPECT_TRUE(alice->awaitOutput("app left: \"victim\""));
 }
 
+// Through pelk and through the agent: the files arrive whole and the progress ends at the list.
 TEST_F(EndToEndTest, FilesArriveByteIdenticalWithProgressEndingAtTheTotal) {
     const std::string big = dir.write("big.bin", pattern(10 << 20, 2));
-    // The progress that pelk prints ends at the whole file.
     expectRuns({{{"send-file", "--to", "alice", big}, 0, {"1/1 big.bin 10485760/10485760 10485760/10485760"}}});
     ASSERT_TRUE(alice->awaitOutput("file received: " + dir.file("alice/big.bin")));
     EXPECT_TRUE(readFile(big) == readFile(dir.file("alice/big.bin")));
 
-    const std::vector<std::string> list = {dir.write("one.txt", pattern(100000, 3)), dir.write("two.txt", ""),
-                                           dir.write("three.bin", pattern(300000, 4))};
-    const uint32_t taskID = sendToAlice(list);
+    const std::vector<std::string> names = {"one.txt", "two.txt", "three.bin"};
+    const uint32_t taskID = sendToAlice({dir.write(names[0], pattern(100000, 3)), dir.write(names[1], ""),
+                                         dir.write(names[2], pattern(300000, 4))});
+    ASSERT_TRUE(pelktest::waitUntil([&] {
+        const std::vector<CallbackRecord> events = callbacks.of("file");
+        return !events.empty() && events.back().fileEvent.nEventType == FILE_EVENT_LIST_DONE;
+    }, kWaitMs, 20));
+    const file_transfer_event last = callbacks.of("file").back().fileEvent;
+    EXPECT_EQ(taskID, static_cast<uint32_t>(last.nId));
+    EXPECT_EQ(std::make_pair(3L, 3L), std::make_pair(last.nCurrentCount, last.nTotalCount));
+    EXPECT_EQ(400000u, last.ullListTotalSize);
     ASSERT_TRUE(alice->awaitOutput("three.bin (300000 bytes)", kWaitMs));
-    expectMonotonicToTheTotal("file", 400000);
-    EXPECT_EQ(taskID, static_cast<uint32_t>(callbacks.of("file").back().fileEvent.nId));
-    for (const char* name : {"one.txt", "two.txt", "three.bin"}) {
-        EXPECT_TRUE(readFile(dir.file(name)) == readFile(dir.file(std::string("alice/") + name))) << name;
+    for (const std::string& name : names) {
+        EXPECT_TRUE(readFile(dir.file(name)) == readFile(dir.file("alice/" + name))) << name;
     }
 }
 
 TEST_F(EndToEndTest, ASendPausesResumesAndCancelsAndAReceiverCancelsToo) {
     const std::string big = dir.write("big.bin", pattern(8 << 20, 5));
-    const uint32_t taskID = sendToAlice({big});
+    const unsigned long taskID = sendToAlice({big});
     ASSERT_TRUE(callbacks.waitFor("file", 1, kWaitMs));
-    ASSERT_EQ(0, agent.pauseSend(static_cast<unsigned long>(taskID)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // events sent before the pause land
+    ASSERT_EQ(0, agent.pauseSend(taskID));
+    pelktest::sleepMs(300);  // events sent before the pause land
     const size_t paused = callbacks.of("file").size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    pelktest::sleepMs(700);
     EXPECT_EQ(paused, callbacks.of("file").size());
     EXPECT_EQ(FILE_EVENT_PAUSED, callbacks.of("file").back().fileEvent.nEventType);
 
-    ASSERT_EQ(0, agent.resumeSend(static_cast<unsigned long>(taskID)));
+    ASSERT_EQ(0, agent.resumeSend(taskID));
     ASSERT_TRUE(callbacks.waitFor("file", paused + 3, kWaitMs));
-    ASSERT_EQ(0, agent.cancelSend(static_cast<unsigned long>(taskID)));
+    ASSERT_EQ(0, agent.cancelSend(taskID));
     ASSERT_TRUE(alice->awaitOutput("transfer " + std::to_string(taskID) + " cancelled", kWaitMs));
     EXPECT_NE(0, access(dir.file("alice/big.bin").c_str(), F_OK));  // the partial copy is gone
-    EXPECT_EQ(RESULT_UNKNOWN_TASK, agent.pauseSend(static_cast<unsigned long>(taskID)));
+    EXPECT_EQ(RESULT_UNKNOWN_TASK, agent.pauseSend(taskID));
 
     // bob sends to this agent, which cancels once it hears of the transfer.
     ChildProcess bob({PELK_CLI, "send-file", "--name", "bob", "--to", "tester", big}, dir.file("bob.out"));
@@ -235,28 +217,10 @@ TEST_F(EndToEndTest, TheMediaServerIsBrowsedDownloadedFromAndPlayed) {
     EXPECT_TRUE(emulator->awaitOutput("renderer plays item 1 of 1, \"track.mp3\""));
 }
 
-TEST_F(EndToEndTest, AnAppKilledOutrightIsReportedAsRemoved) {
-    ChildProcess victim({PELK_CLI, "listen", "--name", "victim", "--receive-dir", dir.path()}, dir.file("victim.out"));
-    ASSERT_TRUE(appeared("victim"));
-    ASSERT_TRUE(alice->awaitOutput("app joined: \"victim\""));
-    victim.signal(SIGKILL);
-    EXPECT_TRUE(appeared("victim", Agent::APP_STATUS_CHANGE_REMOVE));
-    EXPECT_TRUE(alice->awaitOutput("app left: \"victim\""));
-}
-
-TEST_F(EndToEndTest, BothAppsRegisterAgainByThemselvesAfterTheServiceRestarts) {
-    emulator->signal(SIGTERM);
-    ASSERT_EQ(0, emulator->wait(kWaitMs));
-    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_DISCONNECTED));
-    startEmulator();
-    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
-    EXPECT_TRUE(alice->awaitOutput("reconnected as \"alice\"", kReconnectMs));
-    expectRuns({{{"apps"}, 0, {"\"alice\"", "\"tester\""}}});
-}
-
 // A service that stalls (stopped here) makes a send time out in the middle of its frame: the app
-// hears of the loss at once, registers again by itself once the service runs, and data flows.
-TEST_F(EndToEndTest, AfterAStallCutsASendTheAppRegistersAgainAndDataFlows) {
+// hears of the loss at once, registers again by itself once the service runs, and data flows. Both
+// apps register again by themselves after the service restarts too.
+TEST_F(EndToEndTest, AfterAStallOrARestartOfTheServiceTheAppsRegisterAgainAndDataFlows) {
     const InteractionApp alicesRecord = appNamed("alice");
     emulator->signal(SIGSTOP);
     const std::string chunk(65535, 's');
@@ -272,6 +236,15 @@ TEST_F(EndToEndTest, AfterAStallCutsASendTheAppRegistersAgainAndDataFlows) {
     const std::string text = "after the stall";
     EXPECT_EQ(0, agent.sendData(text.data(), static_cast<unsigned int>(text.size()), &alicesRecord, false, 10));
     EXPECT_TRUE(alice->awaitOutput("bytes): after the stall"));
+
+    callbacks.clear();
+    emulator->signal(SIGTERM);
+    ASSERT_EQ(0, emulator->wait(kWaitMs));
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_DISCONNECTED));
+    startEmulator();
+    EXPECT_TRUE(appeared("tester", Agent::APP_STATUS_RECONNECTED));
+    EXPECT_TRUE(alice->awaitOutput("reconnected as \"alice\"", kReconnectMs));
+    expectRuns({{{"apps"}, 0, {"\"alice\"", "\"tester\""}}});
 }
 
 TEST_F(EndToEndTest, BadInputGetsAClearAnswerAndTheServiceGoesOn) {

@@ -37,17 +37,13 @@ bool awaitOwnRecord() {
 int main(int argc, char** argv) {
     const char* name = argc > 1 ? argv[1] : "consumer";
     PELK::Agent::ActionAgent* agent = PELK::Agent::ActionAgent::getInstance();
-    int result = agent->registerApp(name, 1, nullptr, onAppChange, nullptr, false);
-    if (result != 0) {
-        std::fprintf(stderr, "%s: registration failed: %d\n", name, result);
-        return 1;
-    }
-    int appID = agent->getAppID();
-    bool sawItself = awaitOwnRecord();
-    int unregistered = agent->unregisterApp();
-    if (appID < 1 || !sawItself || unregistered != 0) {
-        std::fprintf(stderr, "%s: app ID %d, own record %s, unregistration %d\n", name, appID,
-                     sawItself ? "seen" : "not seen", unregistered);
+    const int registered = agent->registerApp(name, 1, nullptr, onAppChange, nullptr, false);
+    const int appID = agent->getAppID();
+    const bool sawItself = registered == 0 && awaitOwnRecord();
+    const int unregistered = registered == 0 ? agent->unregisterApp() : -1;
+    if (registered != 0 || appID < 1 || !sawItself || unregistered != 0) {
+        std::fprintf(stderr, "%s: registration %d, app ID %d, own record %s, unregistration %d\n", name, registered,
+                     appID, sawItself ? "seen" : "not seen", unregistered);
         return 1;
     }
     std::printf("%s: registered as app %d and unregistered\n", name, appID);

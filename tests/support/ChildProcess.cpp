@@ -5,9 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -58,17 +56,18 @@ void ChildProcess::signal(int signalNumber) {
 }
 
 int ChildProcess::wait(int timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (m_pid > 0 && m_nStatus < 0) {
+    const auto reaped = [&](int options) {
         int status = 0;
-        const pid_t done = waitpid(m_pid, &status, timeoutMs < 0 ? 0 : WNOHANG);
+        const pid_t done = m_pid > 0 && m_nStatus < 0 ? waitpid(m_pid, &status, options) : -1;
         if (done == m_pid) {
             m_nStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        } else if (done < 0 || (timeoutMs >= 0 && std::chrono::steady_clock::now() > deadline)) {
-            break;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
+        return done != 0;  // reaped, or nothing (left) to wait for
+    };
+    if (timeoutMs < 0) {
+        reaped(0);
+    } else {
+        waitUntil([&] { return reaped(WNOHANG); }, timeoutMs, 10);
     }
     return m_nStatus;
 }
@@ -88,14 +87,6 @@ std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv
         ADD_FAILURE() << "the emulator did not start:\n" << emulator->output();
     }
     return emulator;
-}
-
-int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,
-             int timeoutMs) {
-    ChildProcess child(argv, outputPath);
-    const int status = child.wait(timeoutMs);
-    output += child.output();
-    return status;
 }
 
 }  // namespace pelktest

@@ -40,11 +40,6 @@ private:
 std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath,
                                             int timeoutMs = 30000);
 
-// Runs a program to its end (at most timeoutMs) and returns its exit status; its output is
-// appended to output.
-int runToEnd(const std::vector<std::string>& argv, const std::string& outputPath, std::string& output,
-             int timeoutMs = 60000);
-
 }  // namespace pelktest
 
 #endif  // PELK_TESTS_CHILDPROCESS_H
