@@ -59,7 +59,7 @@ TEST(LoggerProperties, ParsesLinesByTheirRules) {
         {"loggerName=abc\nloggerName=\nloggerFile=/x\nloggerFile=  \n", "0 0 ZTLogger" + dflt},
     };
     for (const auto& c : cases) {
-        LogCapture capture = LogCapture::withProperties(c.first);
+        LogCapture capture(c.first);
         const ZTLoggerConfig* config = ZTLoggerConfig::getInstance();
         EXPECT_EQ(std::to_string(config->getMode()) + " " + std::to_string(config->getLevel()) + " " +
                       config->getLoggerName() + " " + config->getLogFile(), c.second) << c.first;
@@ -72,7 +72,8 @@ TEST(LoggerOutput, ModeChoosesOutputsLevelFiltersAndEveryLineIsDebugPriorityTagZ
         SCOPED_TRACE(mode);
         TempDir dir;
         const std::string path = dir.file("zt.log");
-        LogCapture capture(mode, level, "loggerFile=" + path + "\n");
+        LogCapture capture("loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) +
+                           "\nloggerFile=" + path + "\n");
         setAndroidLogSinkForTesting(recordWithTag);
         g_tagged.clear();
         for (int written = 0; written <= 3; ++written) logger()->printf(written, "f.cpp", 1, "fn", "at %d", written);
@@ -89,7 +90,7 @@ TEST(LoggerOutput, ModeChoosesOutputsLevelFiltersAndEveryLineIsDebugPriorityTagZ
 TEST(LoggerFormat, LinesFollowTheLayoutWithBaseNameAndCutMessage) {
     TempDir dir;
     const std::string path = dir.file("zt.log");
-    LogCapture capture(3, 3, "loggerFile=" + path + "\nloggerName=UnitName\n");
+    LogCapture capture("loggerMode=3\nloggerLevel=3\nloggerFile=" + path + "\nloggerName=UnitName\n");
     const time_t before = time(nullptr);
     logger()->printf(ZT_LOG_WARNING, "C:\\src\\y/main.cpp", 7, "fmtCheck", "hello %d", 42);  // shows y/main.cpp
     std::vector<std::string> lines = capture.lines();
@@ -126,7 +127,7 @@ TEST(LoggerLifecycle, QuietWithoutPropertiesThenRebuildsRereadTruncateOrFallBack
     TempDir dir;
     const std::string path = dir.file("zt.log"), missing = dir.file("missing/zt.log");
     const std::string common = "loggerMode=3\nloggerLevel=3\nloggerFile=" + path + "\n";
-    LogCapture capture = LogCapture::withProperties(common + "loggerName=First\n");
+    LogCapture capture(common + "loggerName=First\n");
     ZT_LOG(ZT_LOG_INFO, "one");
     capture.dir().write("log.properties", common + "loggerName=Second\n");
     ZTLogger::destroyDefaultLogger();
@@ -149,7 +150,7 @@ TEST(LoggerLifecycle, QuietWithoutPropertiesThenRebuildsRereadTruncateOrFallBack
 
 TEST(LoggerDeathTest, FatalIsWrittenAsErrorThenExitsWithOne) {
     EXPECT_EXIT(logger()->printf(ZT_LOG_FATAL, "f.cpp", 1, "quiet", "gone"), ::testing::ExitedWithCode(1), "");
-    LogCapture capture(1, 0);
+    LogCapture capture("loggerMode=1\nloggerLevel=0\n");
     EXPECT_EXIT({
         setAndroidLogSinkForTesting(nullptr);
         logger()->printf(ZT_LOG_FATAL, "f.cpp", 12, "dying", "code %d", 5);
@@ -157,7 +158,7 @@ TEST(LoggerDeathTest, FatalIsWrittenAsErrorThenExitsWithOne) {
 }
 
 TEST(LoggerConcurrency, FirstCallsFromManyThreadsBuildOneLogger) {
-    LogCapture capture(1, 3);
+    LogCapture capture;
     for (int round = 0; round < 10; ++round) {
         ZTLogger::destroyDefaultLogger();
         capture.clear();
