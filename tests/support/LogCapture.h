@@ -30,7 +30,6 @@ public:
     size_t count(const std::string& fragment) const;
     bool contains(const std::string& fragment) const { return count(fragment) > 0; }
     void clear();
-    const TempDir& dir() const { return m_dir; }
 
 private:
     TempDir m_dir;
