@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <thread>
@@ -131,7 +132,7 @@ TEST(OsalSockets, SendAndReceiveTimeOutReportingBytesSoFar) {
     auto receive = [&](int length) {  // the result, the count and the bytes received
         int received = -1;
         const int result = Osal::osal_recvn(link.mine, buffer, length, 0, 1, &received);
-        return std::to_string(result) + " " + std::to_string(received) + " " + std::string(buffer, received);
+        return std::to_string(result) + " " + std::to_string(received) + " " + std::string(buffer, std::max(received, 0));
     };
     link.peerWrites("abc");
     link.peerWrites("defg");
