@@ -102,9 +102,9 @@ TEST(OsalSockets, ClosedAndResetPeersAreToldApart) {
         for (Link* link : {&probed, &sending, &receiving}) link->closePeer(reset);
         int sent = 77, received = -1;
         char buffer[16];
-        const std::vector<int> results = {Osal::osal_socketAvailable(probed.mine),
-                                          Osal::osal_sendn(sending.mine, "hello", 5, 0, 1, &sent),
-                                          Osal::osal_recvn(receiving.mine, buffer, 10, 0, 1, &received), sent, received};
+        const std::vector<int> results = {
+            Osal::osal_socketAvailable(probed.mine), Osal::osal_sendn(sending.mine, "hello", 5, 0, 1, &sent),
+            Osal::osal_recvn(receiving.mine, buffer, 10, 0, 1, &received), sent, received};
         EXPECT_EQ(results, (std::vector<int>{false, -1, reset ? -2 : -1, 77, reset ? -1 : 2}));
         EXPECT_EQ(drain(sending.peer), "");  // failed before sending anything
         const std::string probe = reset ? "the socket is resetted by other peer, error: no." + error + ", socket="
@@ -132,7 +132,8 @@ TEST(OsalSockets, SendAndReceiveTimeOutReportingBytesSoFar) {
     auto receive = [&](int length) {  // the result, the count and the bytes received
         int received = -1;
         const int result = Osal::osal_recvn(link.mine, buffer, length, 0, 1, &received);
-        return std::to_string(result) + " " + std::to_string(received) + " " + std::string(buffer, std::max(received, 0));
+        return std::to_string(result) + " " + std::to_string(received) + " " +
+               std::string(buffer, std::max(received, 0));
     };
     link.peerWrites("abc");
     link.peerWrites("defg");
