@@ -92,7 +92,7 @@ TEST(ContentTest, FileIsSizedFromDiskAndReadInPiecesKeptOpenBetweenThemOrFromOff
 
 // Data set in memory is copied and handed out from its start; a copy of the content takes its
 // description (size included) but neither its data nor its count.
-TEST(ContentTest, InMemoryDataIsCopiedAndHandedOutFromItsStartButNotCopied) {
+TEST(ContentTest, InMemoryDataIsHandedOutFromItsStartAndACopyTakesOnlyTheDescription) {
     char source[] = "hello";
     Content content("clip", ZT_CONTENT_VIDEO);
     expectPiece(content, -1, 8, "", 1);
