@@ -90,9 +90,11 @@ TEST(ContentTest, FileIsSizedFromDiskAndReadInPiecesKeptOpenBetweenThemOrFromOff
     EXPECT_EQ(1, missing.setData("x", 1));
 }
 
-TEST(ContentTest, InMemoryDataIsCopiedAndHandedOutFromItsStart) {
+// Data set in memory is copied and handed out from its start; a copy of the content takes its
+// description (size included) but neither its data nor its count.
+TEST(ContentTest, InMemoryDataIsHandedOutFromItsStartAndACopyTakesOnlyTheDescription) {
     char source[] = "hello";
-    Content content(ZT_CONTENT_TEXT);
+    Content content("clip", ZT_CONTENT_VIDEO);
     expectPiece(content, -1, 8, "", 1);
     expectPiece(content, 2, 8, "", 1);
     ASSERT_EQ(0, content.setData(source, 5));
@@ -105,21 +107,16 @@ TEST(ContentTest, InMemoryDataIsCopiedAndHandedOutFromItsStart) {
     expectPiece(content, -1, 9, "hello", Content::kShortRead);
     expectPiece(content, 2, 2, "he", 0);  // the offset applies to files only
     EXPECT_EQ(1, content.getData(nullptr, 4, nullptr));
-}
 
-TEST(ContentTest, CopyTakesDescriptionButNotDataOrCount) {
-    Content original("clip", ZT_CONTENT_VIDEO);
     int value = 0;
     for (auto set : {&Content::setX, &Content::setY, &Content::setWidth, &Content::setHeight, &Content::setRotation})
-        (original.*set)(++value);
-    original.setCustomString("custom");
-    original.setUserData(0x1122334455667788ULL);
-    ASSERT_EQ(0, original.setData("abcd", 4));
-    original.setCount(7);
-
-    std::unique_ptr<Content> copy(original.getCopyContent());
+        (content.*set)(++value);
+    content.setCustomString("custom");
+    content.setUserData(0x1122334455667788ULL);
+    content.setCount(7);
+    std::unique_ptr<Content> copy(content.getCopyContent());
     ASSERT_NE(nullptr, copy);
-    EXPECT_EQ(std::make_tuple(std::string("clip"), ZT_CONTENT_VIDEO, uint64_t{4}),
+    EXPECT_EQ(std::make_tuple(std::string("clip"), ZT_CONTENT_VIDEO, uint64_t{5}),
               std::make_tuple(copy->getName(), copy->getType(), copy->getSize()));
     EXPECT_EQ((std::vector<int>{1, 2, 3, 4, 5}),
               (std::vector<int>{copy->getX(), copy->getY(), copy->getWidth(), copy->getHeight(), copy->getRotation()}));

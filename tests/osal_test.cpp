@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <climits>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -16,19 +17,13 @@
 #include "support/TempDir.h"
 
 using Osal = PELK::Common::OSAbstractLayer;
-
-namespace {
-
-// Posts the semaphore it is given 30 ms after it starts.
-unsigned int postLater(void* sem) {
-    Osal::osal_sleep_ms(30);
-    Osal::osal_unlock_cond(static_cast<sem_t*>(sem));
-    return 0;
-}
-
-}  // namespace
+using Result = std::pair<int, std::string>;  // a call's result and the text it left
 
 TEST(OsalSyncTest, ThreadPostsWhileSemaphoreWaitsTimeOutOrTakeACount) {
+    auto postLater = [](void* sem) -> unsigned int {  // posts the semaphore 30 ms after it starts
+        Osal::osal_sleep_ms(30);
+        return Osal::osal_unlock_cond(static_cast<sem_t*>(sem));
+    };
     sem_t sem;
     ASSERT_EQ(0, Osal::osal_init_cond(&sem));
     const auto start = std::chrono::steady_clock::now();
@@ -49,7 +44,8 @@ TEST(OsalSyncTest, ThreadPostsWhileSemaphoreWaitsTimeOutOrTakeACount) {
 TEST(OsalSyncTest, FailuresReturnOneButLockingAlwaysSucceeds) {
     long thread = 0;
     const std::vector<int> results = {
-        Osal::osal_create_thread(nullptr, postLater, nullptr), Osal::osal_create_thread(&thread, nullptr, nullptr),
+        Osal::osal_create_thread(nullptr, [](void*) { return 0u; }, nullptr),
+        Osal::osal_create_thread(&thread, nullptr, nullptr),
         Osal::osal_join_thread(nullptr), Osal::osal_lock_mutex(nullptr), Osal::osal_unlock_mutex(nullptr),
         Osal::osal_init_cond(nullptr), Osal::osal_unlock_cond(nullptr), Osal::osal_lock_cond(nullptr, -1),
         Osal::osal_lock_cond_ms(nullptr, 10)};
@@ -80,32 +76,27 @@ TEST(OsalTextTest, WideningAndNarrowingInEitherNaming) {
         wchar_t wide[8] = {L'?', L'?', L'?', L'?'};
         EXPECT_EQ(0, widen("a\x80\xff", wide, 4));
         EXPECT_EQ((std::wstring{L'a', 0x80, 0xff}), std::wstring(wide));  // zero-extended bytes
-        EXPECT_EQ(1, widen("", wide, 8));
-        EXPECT_EQ(1, widen("abcd", wide, 4));
-        EXPECT_EQ(1, widen(nullptr, wide, 8));
+        const std::vector<int> refused = {widen("", wide, 8), widen("abcd", wide, 4), widen(nullptr, wide, 8)};
+        EXPECT_EQ(refused, (std::vector<int>{1, 1, 1}));
     }
     for (auto narrow : {&Osal::osal_unicode_to_local, &Osal::osal_unicode_to_utf8}) {
         char zeroed[8] = {}, filled[8] = "xxxxxxx", partly[8] = {'x', 'x', '\0', 'x'};
-        EXPECT_EQ(1, narrow(L"abc", zeroed, 8));
-        EXPECT_STREQ("", zeroed);
-        EXPECT_EQ(0, narrow(L"ab\x1C1", filled, 8));
-        EXPECT_STREQ("ab\xC1", filled);  // the low eight bits of each character
-        EXPECT_EQ(0, narrow(L"abc", partly, 8));
-        EXPECT_STREQ("ab", partly);  // stops at the terminator the buffer held before
+        EXPECT_EQ((Result{1, ""}), (Result{narrow(L"abc", zeroed, 8), zeroed}));
+        EXPECT_EQ((Result{0, "ab\xC1"}), (Result{narrow(L"ab\x1C1", filled, 8), filled}));  // the low eight bits
+        EXPECT_EQ((Result{0, "ab"}), (Result{narrow(L"abc", partly, 8), partly}));  // up to the old terminator
         EXPECT_EQ(1, narrow(L"abc", filled, 3));
     }
     for (auto convert : {&Osal::osal_local_to_utf8, &Osal::osal_utf8_to_local}) {
         char buffer[8] = "xxxxxxx";
         char *dst = buffer, *none = nullptr;
         int max = 8;
-        EXPECT_EQ(0, convert("abc", dst, max));
-        EXPECT_STREQ("abc", buffer);
+        EXPECT_EQ((Result{0, "abc"}), (Result{convert("abc", dst, max), buffer}));
         EXPECT_EQ(1, convert("abc", none, max));
         EXPECT_EQ(1, convert(std::string(300, 'a').c_str(), dst, max));
     }
 }
 
-TEST(OsalPathTest, RelativePathsResolveAgainstTheCachedCurrentDirectory) {
+TEST(OsalPathTest, PathsResolveAgainstTheCachedCurrentDirectoryAndFilesHaveTypes) {
     pelktest::TempDir dir;
     char original[PATH_MAX], real[PATH_MAX];
     ASSERT_NE(nullptr, getcwd(original, sizeof(original)));
@@ -127,10 +118,7 @@ TEST(OsalPathTest, RelativePathsResolveAgainstTheCachedCurrentDirectory) {
     EXPECT_EQ("", Osal::osal_getAbsolutePath("../a"));
     EXPECT_NE(0, Osal::osal_setCurrentPath(nullptr));
     EXPECT_EQ(0, Osal::osal_setCurrentPath(original));
-}
 
-TEST(OsalPathTest, FileTypeAndNumbers) {
-    pelktest::TempDir dir;
     const std::string file = dir.write("f", "1"), missing = dir.file("missing");
     int type = 0;
     const std::vector<std::pair<int, int>> results = {  // result and type after each call

@@ -7,15 +7,8 @@
 
 using PELK::Common::Queue;
 
-namespace {
-
-char* tag(long n) {
-    return reinterpret_cast<char*>(n);
-}
-
-}  // namespace
-
 TEST(QueueTest, GrowsWhenFullKeepingFifoOrderAcrossTheWrapAndPopsOnlyWhatItHas) {
+    auto tag = [](long n) { return reinterpret_cast<char*>(n); };
     Queue<char*> queue(64);
     char* out = tag(7);
     // The first round moves the head away from slot 0, so that the second (65 elements into 64

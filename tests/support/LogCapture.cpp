@@ -22,16 +22,7 @@ void recordLine(int, const char*, const char* text) {
 
 }  // namespace
 
-LogCapture::LogCapture(int mode, int level, const std::string& extraProperties)
-    : LogCapture(RawTag{}, "loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) + "\n" +
-                               extraProperties) {}
-
-LogCapture LogCapture::withProperties(const std::string& properties) {
-    return LogCapture(RawTag{}, properties);
-}
-
-LogCapture::LogCapture(RawTag, const std::string& properties) {
-    m_propertyPath = m_dir.write("log.properties", properties);
+LogCapture::LogCapture(const std::string& properties) : m_propertyPath(m_dir.write("log.properties", properties)) {
     PELK::Common::ZTLogger::destroyDefaultLogger();
     PELK::Common::setPropertyFilePathForTesting(m_propertyPath.c_str());
     PELK::Common::setAndroidLogSinkForTesting(recordLine);

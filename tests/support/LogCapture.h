@@ -17,11 +17,9 @@ extern const char* const kQuietPropertyFile;
 
 class LogCapture {
 public:
-    // mode and level as in the property file (1 = Android log only, 3 = debug).
-    // extraProperties is appended to the generated file verbatim.
-    explicit LogCapture(int mode = 1, int level = 3, const std::string& extraProperties = "");
-    // Rebuilds the logger from exactly this property file text.
-    static LogCapture withProperties(const std::string& properties);
+    // Rebuilds the logger from exactly this property file text; by default the Android log only
+    // (mode 1) at debug level (3).
+    explicit LogCapture(const std::string& properties = "loggerMode=1\nloggerLevel=3\n");
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
@@ -32,12 +30,8 @@ public:
     size_t count(const std::string& fragment) const;
     bool contains(const std::string& fragment) const { return count(fragment) > 0; }
     void clear();
-    const TempDir& dir() const { return m_dir; }
 
 private:
-    struct RawTag {};
-    LogCapture(RawTag, const std::string& properties);
-
     TempDir m_dir;
     std::string m_propertyPath;  // the logger keeps the pointer
 };

@@ -25,10 +25,8 @@ template <class Done>
 bool waitUntil(Done done, int timeoutMs, int pollMs = 2) {
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!done()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
+        if (Clock::now() > deadline) return false;
+        sleepMs(pollMs);
     }
     return true;
 }
@@ -37,9 +35,7 @@ bool waitUntil(Done done, int timeoutMs, int pollMs = 2) {
 inline size_t countEntries(const char* folder) {
     size_t count = 0;
     if (DIR* dir = opendir(folder)) {
-        while (const dirent* entry = readdir(dir)) {
-            count += entry->d_name[0] == '.' ? 0 : 1;
-        }
+        while (const dirent* entry = readdir(dir)) count += entry->d_name[0] == '.' ? 0 : 1;
         closedir(dir);
     }
     return count;
