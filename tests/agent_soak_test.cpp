@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -26,6 +25,7 @@
 #include "support/AgentFixture.h"
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
+#include "support/Waits.h"
 
 // Freed memory is held back by ASan for a while; a small quarantine keeps the resident size a
 // measure of what the agent holds rather than of the sanitizer's reserve.
@@ -35,6 +35,7 @@ using namespace PELK;
 using pelktest::Clock;
 using pelktest::countEntries;
 using pelktest::secondsSince;
+using pelktest::waitUntil;
 
 namespace {
 
@@ -61,7 +62,7 @@ struct Resources {
 // seen until they are no higher than `target`'s (or the time is up).
 Resources settled(const Resources& target, int timeoutMs) {
     Resources low = {countEntries("/proc/self/task"), countEntries("/proc/self/fd"), 0};
-    pelktest::waitUntil(
+    waitUntil(
         [&] {
             low.threads = std::min(low.threads, countEntries("/proc/self/task"));
             low.fds = std::min(low.fds, countEntries("/proc/self/fd"));
@@ -121,23 +122,16 @@ public:
 
     static void onApp(const InteractionApp*, int status, void* user) {
         AgentSoakTest* self = static_cast<AgentSoakTest*>(user);
-        std::lock_guard<std::mutex> guard(self->m_mutex);
         self->m_nLost += status == Agent::APP_STATUS_DISCONNECTED;
-        if (status == Agent::APP_STATUS_RECONNECTED) {
-            ++self->m_nReconnected;
-            self->m_reconnectedAt = Clock::now();
-        }
-        self->m_changed.notify_all();
+        self->m_nReconnected += status == Agent::APP_STATUS_RECONNECTED;
     }
 
     static void onFile(file_transfer_event event, void* user) {
         AgentSoakTest* self = static_cast<AgentSoakTest*>(user);
-        std::lock_guard<std::mutex> guard(self->m_mutex);
         const bool last = event.nEventType == Emulator::FILE_EVENT_LIST_DONE ||
                           event.nEventType == Emulator::FILE_EVENT_CANCELLED ||
                           event.nEventType == Emulator::FILE_EVENT_FAILED;
         (last ? self->m_nEndedTask : self->m_nProgressedTask) = static_cast<uint32_t>(event.nId);
-        self->m_changed.notify_all();
     }
 
     // Makes one call, bounding its time and filing its code under its name.
@@ -149,19 +143,14 @@ public:
         ++m_codes[name][code];
         if (code == 0) {
             m_lastSuccess[name] = Clock::now();
-            m_changed.notify_all();
         }
         return code;
     }
 
-    // Waits until done() holds or the traffic stops (true) or timeoutMs pass (false), under the mutex.
-    template <class Done>
-    bool await(Done done, int timeoutMs = kWaitMs) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_fStop || done(); });
-    }
-    bool pause(int ms) {
-        return await([] { return false; }, ms);
+    // Pauses between calls; true once the traffic is to stop.
+    bool pause() {
+        pelktest::sleepMs(20);
+        return m_fStop;
     }
 
     // The app list (noting the peer's record: an old one while it has not come back), data to the
@@ -171,7 +160,7 @@ public:
             ++static_cast<AgentSoakTest*>(user)->m_nSendStatus;
         };
         std::vector<InteractionApp> apps;
-        while (!pause(20)) {
+        while (!pause()) {
             call("getInteractionAppList", [&] { return agent.getInteractionAppList(&apps); });
             std::unique_lock<std::mutex> lock(m_mutex);
             for (const InteractionApp& app : apps) {
@@ -192,34 +181,28 @@ public:
     // events, so each one is deleted (once the agent is registered: not 1100) before the next send.
     void fileTraffic() {
         uint32_t task = 0;
-        while (!pause(20)) {
+        while (!pause()) {
             if (task != 0 && agent.deleteSendFileCallback(task) == 1100) {
                 continue;
             }
             std::unique_lock<std::mutex> lock(m_mutex);
             const InteractionApp target = m_peer;
+            lock.unlock();
             const int lost = m_nLost;
             m_nEndedTask = m_nProgressedTask = 0;
-            lock.unlock();
             const auto send = [&] { return agent.sendFile(file.c_str(), &target, onFile, this, &task, false, 0); };
             if (call("sendFile", send) != 0) {
                 task = 0;
                 continue;
             }
-            lock.lock();
             m_nCurrentTask = task;
-            m_changed.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                               [&] { return m_fStop || m_nLost != lost || m_nEndedTask == task; });
+            waitUntil([&] { return m_fStop || m_nLost != lost || m_nEndedTask == task; }, kWaitMs, 5);
             m_nCurrentTask = 0;
         }
     }
 
     void stopTraffic() {
-        {
-            std::lock_guard<std::mutex> guard(m_mutex);
-            m_fStop = true;
-            m_changed.notify_all();
-        }
+        m_fStop = true;
         for (std::thread& thread : m_threads) {
             thread.join();
         }
@@ -228,10 +211,12 @@ public:
 
     // Every kind of call has succeeded since `since`.
     bool trafficResumedSince(Clock::time_point since) {
-        return await([&] {
+        const auto resumed = [&] {
+            std::lock_guard<std::mutex> guard(m_mutex);
             const auto after = [&](const auto& op) { return op.second > since; };
             return m_lastSuccess.size() == kOpCount && std::all_of(m_lastSuccess.begin(), m_lastSuccess.end(), after);
-        });
+        };
+        return waitUntil(resumed, kWaitMs, 5);
     }
 
     pelktest::TempDir dir;
@@ -239,15 +224,12 @@ public:
     std::unique_ptr<pelktest::ChildProcess> service;
     std::unique_ptr<pelktest::ChildProcess> peer;
 
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_fStop = false;
-    int m_nLost = 0;
-    int m_nReconnected = 0;
-    Clock::time_point m_reconnectedAt;
-    InteractionApp m_peer;
+    std::atomic<bool> m_fStop{false};
+    std::atomic<int> m_nLost{0}, m_nReconnected{0};
     // The file send under way, and the last tasks that progressed and ended.
-    uint32_t m_nCurrentTask = 0, m_nProgressedTask = 0, m_nEndedTask = 0;
+    std::atomic<uint32_t> m_nCurrentTask{0}, m_nProgressedTask{0}, m_nEndedTask{0};
+    std::mutex m_mutex;  // guards the peer's record and the figures
+    InteractionApp m_peer;
     // By kind of call: the codes it gave, and when it last succeeded.
     std::map<std::string, std::map<int, size_t>> m_codes;
     std::map<std::string, Clock::time_point> m_lastSuccess;
@@ -273,13 +255,11 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
         if (cycle == warmUp) {
             before = settled(before, 1000);
         }
-        ASSERT_TRUE(await([&] { return m_nCurrentTask != 0 && m_nProgressedTask == m_nCurrentTask; }))
+        ASSERT_TRUE(waitUntil([&] { return m_nCurrentTask != 0 && m_nProgressedTask == m_nCurrentTask; }, kWaitMs, 5))
             << "cycle " << cycle << ": no file send under way";
         // Kills land at different points of the traffic and of the transfer.
         std::this_thread::sleep_for(std::chrono::milliseconds(500 + cycle * 379 % 1000));
-        std::unique_lock<std::mutex> lock(m_mutex);
         const int lost = m_nLost, reconnected = m_nReconnected;
-        lock.unlock();
         const Clock::time_point killed = Clock::now();
         service->signal(SIGKILL);
         EXPECT_EQ(128 + SIGKILL, service->wait(kWaitMs));
@@ -289,15 +269,15 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
             }
             closedir(received);
         }
-        EXPECT_TRUE(await([&] { return m_nLost > lost; })) << "cycle " << cycle << ": no status 3";
+        EXPECT_TRUE(waitUntil([&] { return m_nLost > lost; }, kWaitMs, 5)) << "cycle " << cycle << ": no status 3";
         if (cycle % kLateRestartEvery == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kLateRestartMs));
         }
         startService();
-        EXPECT_TRUE(await([&] { return m_nReconnected > reconnected; })) << "cycle " << cycle << ": no status 4";
+        EXPECT_TRUE(waitUntil([&] { return m_nReconnected > reconnected; }, kWaitMs, 5))
+            << "cycle " << cycle << ": no status 4";
         times.push_back(secondsSince(killed));
-        lock.lock();
-        back = m_reconnectedAt;
+        back = Clock::now();
     }
     ASSERT_TRUE(trafficResumedSince(back)) << "after the last cycle";
     const Resources after = settled(before, 10000);
