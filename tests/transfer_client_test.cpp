@@ -112,30 +112,27 @@ public:
         events.clear();  // and its step, which may hold the round's locals
     }
 
-    // A peer that closes with part of a frame read, or a length word that no frame may have: the
-    // connection ends as a lost service.
-    void lossInTheFraming(int variant) {
+    // A peer that closes with part of a frame read, a length word that no frame may have, and a
+    // connection closed or reset under a waiting call are each a lost service: the call fails, and
+    // event 46 comes, then the link's end (the null frame).
+    void lostService(int variant) {
         const Bytes whole = pelktest::frame(body(20, {1, 2, 3}));
         const Bytes rows[] = {Bytes(whole.begin(), whole.begin() + 1), Bytes(whole.begin(), whole.begin() + 7),
                               Bytes(whole.begin(), whole.begin() + 12), B().i32(Frame::kMaxLength + 1).i32(20),
                               B().i32(0x7FFFFFFB).i32(20)};
-        ASSERT_TRUE(service->sendRaw(rows[variant]));
-        if (variant < 3) {
-            sleepMs(20);
-            service->closeConnection();
+        if (variant < 5) {
+            ASSERT_TRUE(service->sendRaw(rows[variant]));
+            if (variant < 3) {
+                sleepMs(20);
+                service->closeConnection();
+            }
+        } else {
+            service->on(33, [this, variant](const Bytes&) {
+                service->closeConnection(variant == 6);
+                return std::vector<Bytes>{};
+            });
+            EXPECT_EQ(1107, ask(33, 30));
         }
-        ASSERT_TRUE(events.waitFor(1, 2000));
-        EXPECT_EQ(46, events.ids()[0]) << ::testing::PrintToString(events.ids());
-    }
-
-    // A connection closed or reset under a waiting call fails the call, reports event 46 and then
-    // the link's end (the null frame).
-    void lossUnderAWaitingCall(int variant) {
-        service->on(33, [this, variant](const Bytes&) {
-            service->closeConnection(variant == 1);
-            return std::vector<Bytes>{};
-        });
-        EXPECT_EQ(1107, ask(33, 30));
         ASSERT_TRUE(events.waitFor(2));
         EXPECT_EQ((Ids{46, 0}), events.ids());
         EXPECT_EQ(Bytes({4, 0, 0, 0, 46, 0, 0, 0}), events.frames()[0]);
@@ -309,8 +306,7 @@ public:
 };
 
 const TransferClientTest::Fault TransferClientTest::kFaults[] = {
-    {"loss in the framing", 5, &TransferClientTest::lossInTheFraming},
-    {"loss under a waiting call", 2, &TransferClientTest::lossUnderAWaitingCall},
+    {"lost service", 7, &TransferClientTest::lostService},
     {"trickling reply", 1, &TransferClientTest::tricklingReply},
     {"loss without a callback", 3, &TransferClientTest::lossWithoutACallback},
     {"queues overflow", 1, &TransferClientTest::queuesOverflow},
