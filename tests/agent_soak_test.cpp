@@ -147,12 +147,6 @@ public:
         return code;
     }
 
-    // Pauses between calls; true once the traffic is to stop.
-    bool pause() {
-        pelktest::sleepMs(20);
-        return m_fStop;
-    }
-
     // The app list (noting the peer's record: an old one while it has not come back), data to the
     // peer both ways, and a search, in turn.
     void callTraffic() {
@@ -160,7 +154,7 @@ public:
             ++static_cast<AgentSoakTest*>(user)->m_nSendStatus;
         };
         std::vector<InteractionApp> apps;
-        while (!pause()) {
+        for (; !m_fStop; pelktest::sleepMs(20)) {
             call("getInteractionAppList", [&] { return agent.getInteractionAppList(&apps); });
             std::unique_lock<std::mutex> lock(m_mutex);
             for (const InteractionApp& app : apps) {
@@ -181,7 +175,7 @@ public:
     // events, so each one is deleted (once the agent is registered: not 1100) before the next send.
     void fileTraffic() {
         uint32_t task = 0;
-        while (!pause()) {
+        for (; !m_fStop; pelktest::sleepMs(20)) {
             if (task != 0 && agent.deleteSendFileCallback(task) == 1100) {
                 continue;
             }
