@@ -89,6 +89,10 @@ public:
         return call(body(actionID), timeout, &ignored);
     }
 
+    void narrowSendBuffer() {
+        int small = 4096;
+        ASSERT_EQ(0, setsockopt(static_cast<int>(client->getSocket()), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+    }
     bool waitForLog(const std::string& fragment, size_t count = 1) {
         return pelktest::waitUntil([&] { return log.count(fragment) >= count; }, 5000);
     }
@@ -292,6 +296,7 @@ public:
     // service, and nothing more is written on it.
     void cutSend(int) {
         const size_t asked = service->received(44).size();
+        narrowSendBuffer();  // so that the frame is cut after kilobytes rather than megabytes
         service->stallReading(true);
         const Clock::time_point begin = Clock::now();
         EXPECT_EQ(1105, call(B().i32(45).zeros(16 << 20), 5));
@@ -493,9 +498,7 @@ TEST_F(TransferClientTest, AStopFromAnotherThreadWaitsForTheRunningCallbackAndCl
 TEST_F(TransferClientTest, ASendTimeOutWithNothingWrittenKeepsTheConnection) {
     EXPECT_EQ(1105, ask(44, 1));  // no connection yet
     start();
-    // A small send buffer fills after a few thousand frames rather than a few hundred thousand.
-    int small = 4096;
-    ASSERT_EQ(0, setsockopt(static_cast<int>(client->getSocket()), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)));
+    narrowSendBuffer();  // which fills after a few thousand frames rather than a few hundred thousand
     // Frames of a few bytes go whole or not at all: the one that times out wrote nothing.
     service->stallReading(true);
     size_t sent = 0;
