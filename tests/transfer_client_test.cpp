@@ -1,6 +1,6 @@
 // The transfer client against the fake service: calls and their time-outs, the routing of replies
 // and events, losses of every kind, lifetimes, calls from inside the callback, and a service that
-// misbehaves. Built with PELK_LINK_SOAK (link_soak_test.cpp), it runs only the faults of a
+// misbehaves. Built with PELK_LINK_SOAK (the link_soak_test suite), it runs only the faults of a
 // misbehaving service, over and over.
 #include "TransferClient.h"
 
