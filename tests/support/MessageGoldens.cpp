@@ -29,15 +29,18 @@ SendTag Tag(int k) { return Rec<SendTag>(B().tag(k).v); }
 
 // Classes that take their action ID get the one at the head of the body.
 template <class T>
+std::unique_ptr<T> New([[maybe_unused]] int32_t id) {
+    if constexpr (std::is_constructible<T, int32_t>::value) {
+        return std::make_unique<T>(id);
+    } else {
+        return std::make_unique<T>();
+    }
+}
+template <class T>
 Golden G(Bytes body, std::function<void(T&)> fill = nullptr) {
     const int32_t id = static_cast<int32_t>(body[0] | body[1] << 8 | body[2] << 16 | body[3] << 24);
     auto make = [fill, id] {
-        std::unique_ptr<T> m;
-        if constexpr (std::is_constructible<T, int32_t>::value) {
-            m = std::make_unique<T>(id);
-        } else {
-            m = std::make_unique<T>();
-        }
+        std::unique_ptr<T> m = New<T>(id);
         if (fill) {
             fill(*m);
         }
