@@ -9,34 +9,28 @@
 
 #include "ActionAgent.h"
 #include "CommonLib/LogSink.h"
-#include "support/FakeService.h"
-#include "support/LogCapture.h"
+#include "support/AgentFixture.h"
 
 namespace {
 
 using PELK::Agent::ActionAgent;
 
-class FuzzAgent : public ActionAgent {};
-
 // Every event the dispatcher knows, and two it must reject; 46 is left out, since a loss starts
 // the reconnection thread, which is not what this target explores.
 const int32_t kActionIDs[] = {14, 19, 20, 32, 41, 45, 52, 54, 13, 99};
 
-void onApp(const PELK::InteractionApp*, int, void*) {}
-void onDevice(const PELK::DLNADevice*, int, void*) {}
-void onFile(PELK::file_transfer_event, void*) {}
-void onData(PELK::data_transfer_event, void*) {}
+// Touches every byte handed over, so that a short or dangling buffer shows.
 void onReceiveData(int, const char* data, int len, void*, const PELK::InteractionApp*) {
-    // Touches every byte handed over, so that a short or dangling buffer shows.
     volatile char sum = 0;
     for (int i = 0; i < len; ++i) {
         sum = static_cast<char>(sum + data[i]);
     }
 }
+void onFile(PELK::file_transfer_event, void*) {}
 
 struct Harness {
     pelktest::FakeService service;
-    FuzzAgent agent;
+    pelktest::TestAgent agent;
     size_t inputs = 0;
 
     Harness() {
@@ -49,7 +43,8 @@ struct Harness {
     }
 
     void registerAll() {
-        agent.registerApp("fuzz", 1, nullptr, onApp, onDevice, false);
+        agent.registerApp("fuzz", 1, nullptr, [](const PELK::InteractionApp*, int, void*) {},
+                          [](const PELK::DLNADevice*, int, void*) {}, false);
         PELK::ReceiveOption option;
         option.pfnReceiveData = onReceiveData;
         option.pfnReceiveFile = onFile;
@@ -62,7 +57,7 @@ struct Harness {
         std::vector<PELK::FileInfo> none;
         int copyTask = 0;
         agent.copyFileList(&server, &none, onFile, &copyTask);
-        agent.asynSendData("x", 1, &target, false, onData, nullptr);
+        agent.asynSendData("x", 1, &target, false, [](PELK::data_transfer_event, void*) {}, nullptr);
     }
 
     void dispatch(const uint8_t* data, size_t size) {

@@ -1,7 +1,7 @@
 // Random bytes as one connection's stream into the emulator's request path: framing, decoding,
 // every handler, and the transfers and events they start, beside a registered peer app.
 // Each input runs in the same small folder tree, which the emulator may not leave (its file root),
-// so file sends, copies and uploads stay inside it; what an input wrote is removed after it.
+// so file sends, copies and uploads stay inside it; the tree is made afresh for every input.
 //
 // With PELK_FUZZ_SEEDS=DIR in the environment, the target first writes its seeds there: short
 // sessions of real requests, the message tests' golden bodies (tools/fuzz.sh uses this).
@@ -9,12 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -73,29 +71,19 @@ void writeSeeds(const std::string& folder) {
     }
 }
 
-// The tree that every input starts from: a media folder and the two apps' receive folders.
-const char* const kFolders[] = {"media", "media/Music", "inbox", "peer"};
-const std::pair<const char*, size_t> kFiles[] = {{"media/notes.txt", 5}, {"media/Music/track.mp3", 3000}};
-
 std::string g_root;
 std::string g_cwd;  // libFuzzer reads its corpus and writes its findings relative to it
 
-// Removes every file an input left (copies, uploads) and restores the tree's own files, which an
-// input may have overwritten or (as an abandoned copy) removed. Cheaper than a new tree per input.
-int removeForeign(const char* path, const struct stat* info, int type, struct FTW*) {
-    const std::string relative = std::string(path).substr(std::min(g_root.size() + 1, strlen(path)));
-    const bool own = std::any_of(std::begin(kFiles), std::end(kFiles), [&](const auto& f) { return relative == f.first; });
-    if (type == FTW_F && !own && S_ISREG(info->st_mode)) {
-        unlink(path);
-    }
-    return 0;
-}
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
 
-void resetTree() {
-    nftw(g_root.c_str(), removeForeign, 16, FTW_PHYS);
-    for (const auto& file : kFiles) {
-        std::ofstream(g_root + "/" + file.first, std::ios::binary) << std::string(file.second, 'm');
+// Every input starts from a tree of its own: a media folder and the two apps' receive folders.
+void makeTree() {
+    nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    for (const char* folder : {"", "/media", "/media/Music", "/inbox", "/peer"}) {
+        mkdir((g_root + folder).c_str(), 0755);
     }
+    std::ofstream(g_root + "/media/notes.txt", std::ios::binary) << "notes";
+    std::ofstream(g_root + "/media/Music/track.mp3", std::ios::binary) << std::string(3000, 'm');
 }
 
 }  // namespace
@@ -116,18 +104,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     g_root = base;
     char cwd[PATH_MAX];
     g_cwd = getcwd(cwd, sizeof(cwd)) != nullptr ? cwd : "/";
-    for (const char* folder : kFolders) {
-        mkdir((g_root + "/" + folder).c_str(), 0755);
-    }
-    atexit([] {
-        const auto removeEntry = [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); };
-        nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-    });
+    atexit([] { nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS); });
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    resetTree();
+    makeTree();
     if (chdir(g_root.c_str()) != 0) {
         abort();
     }

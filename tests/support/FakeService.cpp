@@ -1,7 +1,6 @@
 #include "support/FakeService.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -121,13 +120,7 @@ void FrameRecorder::clear() {
 // FakeService
 
 FakeService::FakeService() {
-    if (pipe2(m_wakeFds, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return;
-    }
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return;
-    }
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     struct sockaddr_in address = {};
@@ -143,25 +136,14 @@ FakeService::FakeService() {
 }
 
 FakeService::~FakeService() {
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        m_stopping = true;
-    }
-    wake();
+    m_stopping = true;
     if (m_thread.joinable()) {
         m_thread.join();
     }
     dropClient(false);
-    for (int fd : {m_listenFd, m_wakeFds[0], m_wakeFds[1]}) {
-        if (fd >= 0) {
-            close(fd);
-        }
+    if (m_listenFd >= 0) {
+        close(m_listenFd);
     }
-}
-
-void FakeService::on(int32_t actionID, Handler handler) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_handlers[actionID] = std::move(handler);
 }
 
 void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) {
@@ -171,51 +153,16 @@ void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) 
     });
 }
 
-bool FakeService::push(const Bytes& messageBody) {
-    return sendRaw(frame(messageBody));
-}
-
+// A client's connect can complete before this side has accepted it: these wait for the accept.
 bool FakeService::sendRaw(const Bytes& bytes) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return awaitClient(lock) && writeAll(bytes.data(), bytes.size());
+    return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; }) &&
+           writeAll(bytes.data(), bytes.size());
 }
 
 void FakeService::closeConnection(bool reset) {
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        awaitClient(lock);
-    }
+    waitLocked(5000, [&] { return m_clientFd >= 0; });
     dropClient(reset);
-}
-
-void FakeService::stallReading(bool stalled) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_stalled = stalled;
-    wake();
-}
-
-// A client's connect can complete before this side has accepted it; wait for the accept.
-bool FakeService::awaitClient(std::unique_lock<std::mutex>& lock) {
-    return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; });
-}
-
-template <class Done>
-bool FakeService::waitLocked(int timeoutMs, Done done) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
-}
-
-bool FakeService::waitForConnections(int count, int timeoutMs) {
-    return waitLocked(timeoutMs, [&] { return m_connections >= count; });
-}
-
-bool FakeService::waitForClientClose(int timeoutMs) {
-    return waitLocked(timeoutMs, [&] { return m_clientFd < 0; });
-}
-
-void FakeService::keepBodies(bool keep) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_keepBodies = keep;
 }
 
 std::vector<Bytes> FakeService::received(int32_t actionID) const {
@@ -226,27 +173,16 @@ std::vector<Bytes> FakeService::received(int32_t actionID) const {
     return matching;
 }
 
-bool FakeService::waitForRequests(int32_t actionID, size_t count, int timeoutMs) {
-    return waitLocked(timeoutMs, [&] { return m_receivedCounts[actionID] >= count; });
-}
-
-int FakeService::connections() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_connections;
-}
-
 // REQUIRES: m_mutex held.
 bool FakeService::writeAll(const uint8_t* data, size_t size) {
     size_t done = 0;
     while (done < size && m_clientFd >= 0) {
-        ssize_t sent = send(m_clientFd, data + done, size - done, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) {
-            continue;
-        }
-        if (sent <= 0) {
+        const ssize_t sent = send(m_clientFd, data + done, size - done, MSG_NOSIGNAL);
+        if (sent > 0) {
+            done += static_cast<size_t>(sent);
+        } else if (sent == 0 || errno != EINTR) {
             return false;
         }
-        done += static_cast<size_t>(sent);
     }
     return done == size;
 }
@@ -264,109 +200,73 @@ void FakeService::dropClient(bool reset) {
     m_clientFd = -1;
     m_inbox.clear();
     m_changed.notify_all();
-    wake();
 }
 
-// Makes the service thread poll again, with what changed.
-void FakeService::wake() {
-    if (m_wakeFds[1] >= 0) {
-        (void)!write(m_wakeFds[1], "w", 1);
-    }
-}
-
+// Polls in short slices, so that a stall, a drop or the end is seen without being woken.
 void FakeService::serve() {
-    for (;;) {
+    while (!m_stopping) {
         int clientFd;
-        bool stalled;
         {
             std::lock_guard<std::mutex> guard(m_mutex);
-            if (m_stopping) {
-                return;
-            }
-            clientFd = m_clientFd;
-            stalled = m_stalled;
+            clientFd = m_stalled ? -1 : m_clientFd;
         }
-        struct pollfd fds[3] = {{m_listenFd, POLLIN, 0}, {m_wakeFds[0], POLLIN, 0}, {clientFd, POLLIN, 0}};
-        const nfds_t count = clientFd >= 0 && !stalled ? 3 : 2;
-        int ready = poll(fds, count, -1);
-        if (ready < 0 && errno != EINTR) {
-            return;
+        struct pollfd fds[2] = {{m_listenFd, POLLIN, 0}, {clientFd, POLLIN, 0}};
+        if (poll(fds, 2, 10) <= 0) {
+            continue;
         }
-        char drain[64];
-        while (ready > 0 && (fds[1].revents & POLLIN) != 0 && read(m_wakeFds[0], drain, sizeof(drain)) > 0) {
+        const int accepted = (fds[0].revents & POLLIN) != 0 ? accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        if (accepted >= 0) {
+            dropClient(false);  // a client that reconnects has given its old connection up
+            // An event that follows a reply must not hold the next reply back until the client's
+            // delayed acknowledgement.
+            int one = 1;
+            setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_clientFd = accepted;
+            ++m_connections;
+            m_changed.notify_all();
         }
-        if (ready > 0 && (fds[0].revents & POLLIN) != 0) {
-            acceptClient();
-        }
-        if (ready > 0 && count == 3 && (fds[2].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            const bool sameClient = m_clientFd == clientFd;
-            lock.unlock();
-            if (sameClient && !readFromClient()) {
-                dropClient(false);
-            }
+        if ((fds[1].revents & (POLLIN | POLLHUP | POLLERR)) != 0 && !readFromClient(clientFd)) {
+            dropClient(false);
         }
     }
 }
 
-void FakeService::acceptClient() {
-    int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-        return;
-    }
-    dropClient(false);  // a client that reconnects has given its old connection up
-    // An event that follows a reply must not hold the next reply back until the client's
-    // delayed acknowledgement.
-    int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_clientFd = fd;
-    ++m_connections;
-    m_changed.notify_all();
-}
-
-bool FakeService::readFromClient() {
+// False when the client has closed the connection or it failed.
+bool FakeService::readFromClient(int fd) {
     uint8_t chunk[65536];
-    int fd;
+    std::vector<std::pair<Bytes, Handler>> requests;
     {
+        // Under the lock, so that the test thread cannot close fd meanwhile.
         std::lock_guard<std::mutex> guard(m_mutex);
-        fd = m_clientFd;
-    }
-    ssize_t got = recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
-    if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
-        return true;
-    }
-    if (got <= 0) {
-        return false;
-    }
-    // Frames are recorded, and waiters woken, once per read: a backlog of small frames costs one pass.
-    std::vector<std::pair<Bytes, Handler>> frames;
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        const ssize_t got = fd == m_clientFd ? recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT) : -1;
+        if (got <= 0) {
+            return got < 0 && (fd != m_clientFd || errno == EINTR || errno == EAGAIN);
+        }
+        // Frames are recorded, and waiters woken, once per read: a backlog of small frames costs one pass.
         m_inbox.insert(m_inbox.end(), chunk, chunk + got);
         size_t used = 0;
         while (m_inbox.size() - used >= 4) {
             const uint32_t length = readLittleEndian32(m_inbox.data() + used);
-            if (m_inbox.size() - used < 4 + static_cast<size_t>(length)) {
+            if (m_inbox.size() - used - 4 < length) {
                 break;
             }
-            Bytes frameBody(m_inbox.begin() + used + 4, m_inbox.begin() + used + 4 + length);
+            Bytes request(m_inbox.begin() + static_cast<long>(used + 4),
+                          m_inbox.begin() + static_cast<long>(used + 4 + length));
             used += 4 + length;
-            const int32_t actionID = actionIdOf(frameBody);
+            const int32_t actionID = actionIdOf(request);
             ++m_receivedCounts[actionID];
-            auto found = m_handlers.find(actionID);
-            frames.emplace_back(frameBody, found != m_handlers.end() ? found->second : Handler());
+            const auto found = m_handlers.find(actionID);
+            requests.emplace_back(request, found != m_handlers.end() ? found->second : Handler());
             if (m_keepBodies) {
-                m_received.push_back(std::move(frameBody));
+                m_received.push_back(std::move(request));
             }
         }
-        m_inbox.erase(m_inbox.begin(), m_inbox.begin() + used);
-        if (!frames.empty()) {
-            m_changed.notify_all();
-        }
+        m_inbox.erase(m_inbox.begin(), m_inbox.begin() + static_cast<long>(used));
+        m_changed.notify_all();
     }
-    for (const auto& [frameBody, handler] : frames) {
-        const std::vector<Bytes> replies = handler ? handler(frameBody) : std::vector<Bytes>();
+    for (const auto& [request, handler] : requests) {
+        const std::vector<Bytes> replies = handler ? handler(request) : std::vector<Bytes>();
         std::lock_guard<std::mutex> guard(m_mutex);
         for (const Bytes& reply : replies) {
             const Bytes whole = frame(reply);

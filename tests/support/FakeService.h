@@ -7,6 +7,8 @@
 #ifndef PELK_TESTS_FAKESERVICE_H
 #define PELK_TESTS_FAKESERVICE_H
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -26,21 +28,19 @@ using Bytes = std::vector<uint8_t>;
 // coders.
 struct B {
     Bytes v;
+    B& u8(int x) { return add({static_cast<uint8_t>(x)}); }
     B& i32(int64_t x) {
-        for (int i = 0; i < 4; ++i) v.push_back(static_cast<unsigned char>(static_cast<uint64_t>(x) >> (8 * i)));
-        return *this;
+        const auto u = static_cast<uint32_t>(x);
+        return add({static_cast<uint8_t>(u), static_cast<uint8_t>(u >> 8), static_cast<uint8_t>(u >> 16),
+                    static_cast<uint8_t>(u >> 24)});
     }
     B& i64(uint64_t x) { return i32(static_cast<uint32_t>(x)).i32(static_cast<uint32_t>(x >> 32)); }
-    B& u8(int x) {
-        v.push_back(static_cast<unsigned char>(x));
-        return *this;
-    }
     // s in a field of n bytes, cut or padded with zeros.
     B& str(const std::string& s, size_t n) {
         for (size_t i = 0; i < n; ++i) v.push_back(i < s.size() ? s[i] : 0);
         return *this;
     }
-    B& zeros(size_t n) { return str("", n); }
+    B& zeros(size_t n) { return add(Bytes(n, 0)); }
     B& add(const Bytes& more) {
         v.insert(v.end(), more.begin(), more.end());
         return *this;
@@ -120,49 +120,59 @@ public:
     bool listening() const { return m_listenFd >= 0; }
 
     // Scripts the answers to every request with this action ID (replacing an earlier script).
-    void on(int32_t actionID, Handler handler);
+    void on(int32_t actionID, Handler handler) { locked([&] { m_handlers[actionID] = std::move(handler); }); }
     // Shorthand: answer every such request with this body, optionally delayMs late.
     void answer(int32_t actionID, const Bytes& replyBody, int delayMs = 0);
 
     // Sends one frame carrying body to the connected client. This and the following three wait
     // (up to 5 s) for a connection that the client has made but this side not yet accepted.
-    bool push(const Bytes& body);
+    bool push(const Bytes& body) { return sendRaw(frame(body)); }
     // Sends bytes as they are (fragments, bad length words).
     bool sendRaw(const Bytes& bytes);
     // Ends the current connection with an orderly close, or with a reset.
     void closeConnection(bool reset = false);
     // While stalled the service reads nothing, so the client's requests fill the socket buffers.
-    void stallReading(bool stalled);
+    void stallReading(bool stalled) { locked([&] { m_stalled = stalled; }); }
 
     // Waits until `count` connections have been accepted in all.
-    bool waitForConnections(int count, int timeoutMs = 5000);
+    bool waitForConnections(int count, int timeoutMs = 5000) {
+        return waitLocked(timeoutMs, [&] { return m_connections >= count; });
+    }
     // Waits until the client has closed the current connection (or none is open).
-    bool waitForClientClose(int timeoutMs = 5000);
+    bool waitForClientClose(int timeoutMs = 5000) {
+        return waitLocked(timeoutMs, [&] { return m_clientFd < 0; });
+    }
     // Bodies of the frames with this action ID received so far, oldest first. Without keeping
     // (a long run that only counts) no body is kept, so memory stays flat.
-    void keepBodies(bool keep);
+    void keepBodies(bool keep) { locked([&] { m_keepBodies = keep; }); }
     std::vector<Bytes> received(int32_t actionID) const;
     // Waits until at least `count` requests with this action ID have been received in all.
-    bool waitForRequests(int32_t actionID, size_t count, int timeoutMs = 5000);
+    bool waitForRequests(int32_t actionID, size_t count, int timeoutMs = 5000) {
+        return waitLocked(timeoutMs, [&] { return m_receivedCounts[actionID] >= count; });
+    }
     // Connections accepted so far.
-    int connections() const;
+    int connections() const { return locked([&] { return m_connections; }); }
 
 private:
     void serve();
-    void acceptClient();
-    bool readFromClient();
-    void wake();
+    bool readFromClient(int fd);
+    template <class F>
+    auto locked(F f) const -> decltype(f()) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return f();
+    }
     // Waits, up to timeoutMs, until done() holds under the lock.
     template <class Done>
-    bool waitLocked(int timeoutMs, Done done);
+    bool waitLocked(int timeoutMs, Done done) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+    }
     bool writeAll(const uint8_t* data, size_t size);
     void dropClient(bool reset);
-    bool awaitClient(std::unique_lock<std::mutex>& lock);
 
     int m_listenFd = -1;
-    int m_wakeFds[2] = {-1, -1};
-    int m_clientFd = -1;  // guarded by m_mutex for writes from the test thread
-    bool m_stopping = false;
+    int m_clientFd = -1;
+    std::atomic<bool> m_stopping{false};
     bool m_stalled = false;
     int m_connections = 0;
     Bytes m_inbox;  // bytes read from the client and not yet framed
