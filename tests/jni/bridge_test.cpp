@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <jni.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -500,59 +499,46 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     const auto describe16 = [](jobject value) { return text16(call("describe", {value})); };
     const std::u16string fileEventHead(kFileEvent.begin(), kFileEvent.end());
 
-    // Each text as the service writes it into a field of that size, and as Java should see it.
-    const struct {
-        const char* name;
-        std::function<std::string(size_t)> bytes;
-        std::function<std::u16string(size_t)> java;
-    } texts[] = {
-        {"supplementary", [](size_t) { return std::string("\xF0\x9F\x8E\x89 party"); },
-         [](size_t) { return std::u16string(u"\U0001F389 party"); }},
-        {"invalid", [](size_t) { return std::string("\xFF" "x\xC0\x80y\xE4\xB8"); },
-         [](size_t) { return std::u16string(u"\uFFFDx\uFFFD\uFFFDy\uFFFD"); }},
-        {"cut", [](size_t n) { return std::string(n - 3, 'a') + "\xF0\x9F"; },
-         [](size_t n) { return std::u16string(n - 3, u'a') + u"\uFFFD"; }},
+    // Each text as the service writes it into a field of that size, and as Java should see it: a
+    // character outside the BMP, bytes that are no UTF-8 (a stray byte, an overlong form), and a
+    // character cut at the field's end.
+    const auto b = [](size_t n) { return "\xF0\x9F\x8E\x89\xFFx\xC0\x80" + std::string(n - 11, 'a') + "\xF0\x9F"; };
+    const auto j = [](size_t n) { return u"\U0001F389\uFFFDx\uFFFD\uFFFD" + std::u16string(n - 11, u'a') + u"\uFFFD"; };
+    const Bytes app = appRecord(b(260), 12, 2, b(16), b(18), true);
+    const Bytes dev = deviceRecord(b(260), 1, b(100), b(16), false);
+    const Bytes item = B().str(b(100), 100).str(b(100), 100).str(b(100), 100).str(b(260), 260).str(b(260), 260)
+        .str(b(1024), 1024);
+    const std::u16string appJava = u"app{" + j(260) + u",12,2," + j(16) + u"," + j(18) + u",true}";
+    const std::u16string devJava = u"device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false}";
+    const std::u16string itemJava = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," +
+                                    j(260) + u"," + j(1024) + u"}";
+
+    service.push(appEvent(1, app));
+    service.push(deviceEvent(2, dev));
+    service.push(dataEvent(5, app, "x"));
+    service.push(fileEvent(19, 8, b(260), sendTag(12), app));
+    service.push(fileEvent(14, 42, b(260), app, sendTag(12)));
+    service.push(fileEvent(41, 77, b(260), sendTag(0), dev));
+    const auto fileHeard = [&](const std::u16string& method, const std::u16string& task, const char16_t* tail) {
+        return method + u" " + fileEventHead + task + u",1,3,2," + j(260) + u"," + j(16) + u"," + tail;
     };
-    for (const auto& t : texts) {
-        SCOPED_TRACE(t.name);
-        const auto& b = t.bytes;
-        const auto& j = t.java;
-        const Bytes app = appRecord(b(260), 12, 2, b(16), b(18), true);
-        const Bytes dev = deviceRecord(b(260), 1, b(100), b(16), false);
-        const Bytes item = B().str(b(100), 100).str(b(100), 100).str(b(100), 100).str(b(260), 260).str(b(260), 260)
-            .str(b(1024), 1024);
-        const std::u16string appJava = u"app{" + j(260) + u",12,2," + j(16) + u"," + j(18) + u",true}";
-        const std::u16string devJava = u"device{" + j(260) + u",1," + j(100) + u"," + j(16) + u",false}";
-        const std::u16string itemJava = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," +
-                                        j(260) + u"," + j(1024) + u"}";
-
-        service.push(appEvent(1, app));
-        service.push(deviceEvent(2, dev));
-        service.push(dataEvent(5, app, "x"));
-        service.push(fileEvent(19, 8, b(260), sendTag(12), app));
-        service.push(fileEvent(14, 42, b(260), app, sendTag(12)));
-        service.push(fileEvent(41, 77, b(260), sendTag(0), dev));
-        const auto fileHeard = [&](const std::u16string& method, const std::u16string& task, const char16_t* tail) {
-            return method + u" " + fileEventHead + task + u",1,3,2," + j(260) + u"," + j(16) + u"," + tail;
-        };
-        for (const std::u16string& heard :
-             {u"onInterAppChange " + appJava + u" 1", u"onDLNADeviceChange " + devJava + u" 2",
-              u"onReceivingData 5 \"x\" 1 " + appJava, fileHeard(u"onReceivingFile", u"8", u"12}"),
-              fileHeard(u"onSendingFile", u"42", u"12}"), fileHeard(u"onDLNAFileCopy", u"77", u"0}")}) {
-            EXPECT_EQ(next16(r), heard);
-        }
-
-        service.answer(44, listReply(44, app));
-        EXPECT_EQ(describe16(call("searchInteractionApp", {})), u"[" + appJava + u"]");
-        service.answer(22, listReply(22, dev));
-        EXPECT_EQ(describe16(call("searchDMS", {})), u"[" + devJava + u"]");
-        service.answer(24, listReply(24, item));
-        EXPECT_EQ(describe16(call("getRootFileList", {nas()})), u"[" + itemJava + u"]");
-        service.answer(47, B().i32(47).i32(0).add(item));
-        jobject parent = make(kFileInfoClass, "()V");
-        EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "a"), parent}), 0);
-        EXPECT_EQ(describe16(parent), itemJava);
+    for (const std::u16string& heard :
+         {u"onInterAppChange " + appJava + u" 1", u"onDLNADeviceChange " + devJava + u" 2",
+          u"onReceivingData 5 \"x\" 1 " + appJava, fileHeard(u"onReceivingFile", u"8", u"12}"),
+          fileHeard(u"onSendingFile", u"42", u"12}"), fileHeard(u"onDLNAFileCopy", u"77", u"0}")}) {
+        EXPECT_EQ(next16(r), heard);
     }
+
+    service.answer(44, listReply(44, app));
+    EXPECT_EQ(describe16(call("searchInteractionApp", {})), u"[" + appJava + u"]");
+    service.answer(22, listReply(22, dev));
+    EXPECT_EQ(describe16(call("searchDMS", {})), u"[" + devJava + u"]");
+    service.answer(24, listReply(24, item));
+    EXPECT_EQ(describe16(call("getRootFileList", {nas()})), u"[" + itemJava + u"]");
+    service.answer(47, B().i32(47).i32(0).add(item));
+    jobject parent = make(kFileInfoClass, "()V");
+    EXPECT_EQ(callInt("getParentDirectoryInfo", {file("1", "a"), parent}), 0);
+    EXPECT_EQ(describe16(parent), itemJava);
     // A send status is matched to its send by the address, so only an address that the app sent
     // to comes back: one outside the BMP.
     EXPECT_EQ(callInt("asynSendData", dataSend(r, jtext(u"\U0001F389 party"))), 0);
