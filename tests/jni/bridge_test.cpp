@@ -157,7 +157,7 @@ protected:
 
 // ---------------------------------------------------------------------------------------------
 
-TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
+TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListenersAndDataSendsCarryTheBytesAddressAndFlags) {
     jobject apps = recorder();
     jobject devices = recorder();
     const std::string peer = "app{peer,12,2,10.0.0.9,aa:bb:cc:dd:ee:ff,true}";
@@ -169,43 +169,34 @@ TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListeners) {
     EXPECT_EQ(next(apps), "onInterAppChange " + peer + " 1");
     service.push(deviceEvent(2, deviceRecord("Living room", 1, "uuid:tv", "10.0.0.5", false)));
     EXPECT_EQ(next(devices), "onDLNADeviceChange device{Living room,1,uuid:tv,10.0.0.5,false} 2");
-    expectCalls({{"getInteractionAppList", {}, "[" + peer + "]"},
-                 {"searchInteractionApp", {}, "[app{far,30,1,10.0.0.30,,false}]", 44, {},
-                  listReply(44, appRecord("far", 30, 1, "10.0.0.30", "", false))},
-                 {"refreshInteractionApp", {boolean(true)}, 0, 49, {{4, "\1"}}, body(49, {0})},
-                 {"unRegisterApp", {}, 0, 2},
-                 {"getInteractionAppList", {}, "null"}});  // not registered: the agent's code, no array
-    EXPECT_TRUE(logged('I', kNative + "searchInteractionApp", "searchInteractionApp contains 1 apps!"));
-}
-
-TEST_F(BridgeTest, DataSendsCarryTheBytesTheAddressAndTheFlags) {
-    expectCalls({{"registerApp", {str("demo"), integer(3), recorder(), nullptr}, 0, 1, {{268, std::string(1, '\0')}}}});
-    const auto send = [&](const char* ip, int length) {
-        return std::vector<jobject>{bytes("hello"), integer(length), str(ip), integer(12), boolean(true)};
-    };
-    const auto plus = [](std::vector<jobject> head, jobject last) {
-        head.push_back(last);
-        return head;
+    const auto send = [&](const char* ip, int length, jobject last) {
+        return std::vector<jobject>{bytes("hello"), integer(length), str(ip), integer(12), boolean(true), last};
     };
     expectCalls({
+        {"getInteractionAppList", {}, "[" + peer + "]"},
+        {"searchInteractionApp", {}, "[app{far,30,1,10.0.0.30,,false}]", 44, {},
+         listReply(44, appRecord("far", 30, 1, "10.0.0.30", "", false))},
+        {"refreshInteractionApp", {boolean(true)}, 0, 49, {{4, "\1"}}, body(49, {0})},
         // The length asked for is cut to the array: nothing past its end is read; 3 s are 3000 ms.
-        {"sendData", plus(send("10.0.0.2", 100), integer(3)), 4, 18,
+        {"sendData", send("10.0.0.2", 100, integer(3)), 4, 18,
          {{264, le(12)}, {272, "10.0.0.2\0"s}, {308, "\1"}, {309, le(3000)}, {313, le(5)}, {317, "hello"}},
          body(18, {4})},
         // A negative length is passed on as it is, for the agent to refuse; nothing is sent.
-        {"sendData", plus(send("10.0.0.2", -1), integer(3)), 1404, -18},
-        {"asynSendData", plus(send("10.0.0.2", -1), nullptr), 1404, -53},
+        {"sendData", send("10.0.0.2", -1, integer(3)), 1404, -18},
+        {"asynSendData", send("10.0.0.2", -1, nullptr), 1404, -53},
         {"broadcast", {bytes("hello"), integer(-1), str("10.0.0.255"), boolean(true)}, 1905, -16},
         // The address is written over "127.0.0.1", so a shorter one keeps that text's tail; a
         // longer one is cut to fifteen characters.
-        {"sendUDPData", plus(send("1.2.3.4", 1), nullptr), 0, 48,
+        {"sendUDPData", send("1.2.3.4", 1, nullptr), 0, 48,
          {{272, std::string("1.2.3.4\0" "1\0\0\0\0\0\0\0", 16)}, {308, "\1"}}, body(48, {0})},
-        {"sendUDPData", plus(send("192.168.100.200:1", 1), nullptr), 0, 48,
-         {{272, std::string("192.168.100.200\0", 16)}}},
+        {"sendUDPData", send("192.168.100.200:1", 1, nullptr), 0, 48, {{272, std::string("192.168.100.200\0", 16)}}},
         {"broadcast", {bytes("b"), integer(1), str("10.0.0.255"), boolean(true)}, 0, 16, {{272, "10.0.0.255\0"s}},
          body(16, {0})},
         {"sendUDPDataAll", {bytes("all"), integer(3), boolean(false)}, 0, 16, {{272, "0.0.0.0\0"s}, {313, "all"}}},
+        {"unRegisterApp", {}, 0, 2},
+        {"getInteractionAppList", {}, "null"},  // not registered: the agent's code, no array
     });
+    EXPECT_TRUE(logged('I', kNative + "searchInteractionApp", "searchInteractionApp contains 1 apps!"));
     EXPECT_TRUE(logged('D', kNative + "sendData", kNative + "sendData: buf: hello!"));
 }
 
@@ -350,7 +341,8 @@ TEST_F(BridgeTest, NullArgumentsAndFailedSendsGiveTheirCodesAndControlsCarryTheT
                  {"registerApp", {str("demo"), integer(3), nullptr, nullptr}, -1, -1}});
     EXPECT_TRUE(logged('W', kNative + "registerApp", "Cannot convert appName!"));
     EXPECT_TRUE(logged('W', kNative + "registerApp", "local_interAppCallbackClass == NULL"));
-    registerApp(recorder(), nullptr);
+    // Without a device listener the agent asks for no device events.
+    expectCalls({{"registerApp", {str("demo"), integer(3), recorder(), nullptr}, 0, 1, {{268, std::string(1, '\0')}}}});
     jobject server = nas();
     jobject items = files({file("1", "a")});
     jobject noUUID = make(kDeviceClass, kDeviceSignature, str("TV"), 1, nullptr, str("10.0.0.6"), JNI_FALSE);
