@@ -201,7 +201,8 @@ TEST_F(BridgeTest, RegistrationReportsAppsAndDevicesToTheirListenersAndDataSends
 }
 
 // Each kind of listener is kept by its own rule: a data send's the first ever given, a file
-// send's and a file list's the first of each, a copy's the latest.
+// send's and a file list's the first of each, a copy's the latest; received data and files reach
+// the receive listener given with the option.
 TEST_F(BridgeTest, EachListenerIsKeptByItsRuleAndHearsOnlyItsOwnEvents) {
     registerApp(recorder(), nullptr);
     jobject first = recorder();
@@ -247,10 +248,7 @@ TEST_F(BridgeTest, EachListenerIsKeptByItsRuleAndHearsOnlyItsOwnEvents) {
     EXPECT_EQ(next(later), "onDLNAFileCopy " + kFileEvent + "77,1,3,2,a,10.0.0.5,0}");
     EXPECT_EQ(count(second) + count(copy), 0);
     EXPECT_EQ(count(first), 3);
-}
 
-TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
-    registerApp(recorder(), nullptr);
     jobject in = recorder();
     jobject target = make(kOptionClass, "()V");
     const std::string folder = "/" + std::string(300, 'f');
@@ -258,13 +256,13 @@ TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
                   body(15, {0})},
                  {"getReceiveOption", {target}, 0}});
     EXPECT_EQ(describe(target), "option{/data/in,true,1}");
-    const std::string peer = "app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}";
+    const std::string from = "app{peer,12,0,10.0.0.9,aa:bb:cc:dd:ee:ff,false}";
     const Bytes sender = appRecord("peer", 12, 0, "10.0.0.9", "aa:bb:cc:dd:ee:ff", false);
     service.push(dataEvent(5, sender, "he\x01lo"));
     service.push(dataEvent(6, sender, ""));
     service.push(fileEvent(19, 8, "in.bin", sendTag(12), sender));
-    EXPECT_EQ(next(in), "onReceivingData 5 \"he\\x01lo\" 5 " + peer);
-    EXPECT_EQ(next(in), "onReceivingData 6 \"\" 0 " + peer);
+    EXPECT_EQ(next(in), "onReceivingData 5 \"he\\x01lo\" 5 " + from);
+    EXPECT_EQ(next(in), "onReceivingData 6 \"\" 0 " + from);
     EXPECT_EQ(next(in), "onReceivingFile " + kFileEvent + "8,1,3,2,in.bin,10.0.0.9,12}");
 
     // The Java option goes out as it is, its folder cut to the field, and with no native
@@ -273,8 +271,16 @@ TEST_F(BridgeTest, ReceivedDataAndFilesReachTheReceiveListener) {
                   {{4, folder.substr(0, 259) + '\0'}, {264, std::string(3, '\0')}, {267, le(30)}}}});
 }
 
-TEST_F(BridgeTest, MediaServersAndRenderersAreBrowsedAndControlled) {
-    registerApp(recorder(), nullptr);
+// Media servers and renderers are browsed and controlled; null arguments give their codes and
+// never a JNI error; a failed file send returns its code negated, and resuming asks the service
+// for a pause, on purpose.
+TEST_F(BridgeTest, MediaCallsAndNullArgumentsGiveTheirCodesAndRequestsAndControlsCarryTheTaskID) {
+    expectCalls({{"registerApp", {nullptr, integer(3), recorder(), nullptr}, -1, -1},
+                 {"registerApp", {str("demo"), integer(3), nullptr, nullptr}, -1, -1}});
+    EXPECT_TRUE(logged('W', kNative + "registerApp", "Cannot convert appName!"));
+    EXPECT_TRUE(logged('W', kNative + "registerApp", "local_interAppCallbackClass == NULL"));
+    // Without a device listener the agent asks for no device events.
+    expectCalls({{"registerApp", {str("demo"), integer(3), recorder(), nullptr}, 0, 1, {{268, std::string(1, '\0')}}}});
     // A list longer than the local reference budget of a native call: references must not pile up.
     B servers;
     servers.i32(22).i32(40);
@@ -289,6 +295,11 @@ TEST_F(BridgeTest, MediaServersAndRenderersAreBrowsedAndControlled) {
     jobject server = device(std::string(300, 'n'), 0, "uuid:nas", "192.168.100.200:1", true);
     jobject renderer = device("TV", 1, "uuid:tv", "10.0.0.6", false);
     jobject parent = make(kFileInfoClass, "()V");
+    jobject items = files({file("1", "a")});
+    jobject noUUID = make(kDeviceClass, kDeviceSignature, str("TV"), 1, nullptr, str("10.0.0.6"), JNI_FALSE);
+    jobject peer = str("10.0.0.2");
+    std::vector<jobject> toNobody = fileSend(recorder());
+    toNobody[1] = nullptr;
     const std::string movies = "[file{uuid:srv,0,1,Movies,video,http://10.0.0.5/1}]";
     for (int32_t action : {27, 28, 29, 30, 31, 33, 35, 36, 37, 38, 42, 43}) {
         service.answer(action, body(action, {0}));
@@ -325,31 +336,6 @@ TEST_F(BridgeTest, MediaServersAndRenderersAreBrowsedAndControlled) {
         {"rescanNetwork", {integer(7)}, 0, 33, {{4, le(2)}}},
         {"rescanNetwork", {integer(-1)}, 0, 33, {{4, le(2)}}},
         {"startDMS", {}, 9, 27, {}, body(27, {9})},
-    });
-    EXPECT_EQ(describe(parent), "file{uuid:srv,0,0,Root,video,http://10.0.0.5/0}");
-    EXPECT_TRUE(logged('W', kNative + "searchDMR", "Failed to setDmrList[1060]!"));
-    EXPECT_TRUE(logged('W', "getFileInfo", "CallObjectMethod --> NULL == objectTitle"));
-    EXPECT_TRUE(logged('D', "stopCurPlayingFile", "ActionAgentWrapper::stopCopyTransfer()"));
-    EXPECT_TRUE(logged('W', kNative + "startDMS", "Failed to startDMS[9]!======"));
-    EXPECT_TRUE(logged('D', "startDMS", "ActionAgentWrapper::startDMS():nReturn for startDMS: 9"));
-}
-
-// Null arguments give their codes and never a JNI error; a failed file send returns its code
-// negated, and resuming asks the service for a pause, on purpose.
-TEST_F(BridgeTest, NullArgumentsAndFailedSendsGiveTheirCodesAndControlsCarryTheTaskID) {
-    expectCalls({{"registerApp", {nullptr, integer(3), recorder(), nullptr}, -1, -1},
-                 {"registerApp", {str("demo"), integer(3), nullptr, nullptr}, -1, -1}});
-    EXPECT_TRUE(logged('W', kNative + "registerApp", "Cannot convert appName!"));
-    EXPECT_TRUE(logged('W', kNative + "registerApp", "local_interAppCallbackClass == NULL"));
-    // Without a device listener the agent asks for no device events.
-    expectCalls({{"registerApp", {str("demo"), integer(3), recorder(), nullptr}, 0, 1, {{268, std::string(1, '\0')}}}});
-    jobject server = nas();
-    jobject items = files({file("1", "a")});
-    jobject noUUID = make(kDeviceClass, kDeviceSignature, str("TV"), 1, nullptr, str("10.0.0.6"), JNI_FALSE);
-    jobject peer = str("10.0.0.2");
-    std::vector<jobject> toNobody = fileSend(recorder());
-    toNobody[1] = nullptr;
-    expectCalls({
         {"sendData", {nullptr, integer(5), peer, integer(12), boolean(false), integer(3)}, 1402, -18},
         {"sendData", {bytes("x"), integer(1), nullptr, integer(12), boolean(false), integer(3)}, -1, -18},
         {"sendFile", {nullptr, peer, recorder(), integer(12), boolean(false), integer(0)}, 0, -13},
@@ -379,6 +365,12 @@ TEST_F(BridgeTest, NullArgumentsAndFailedSendsGiveTheirCodesAndControlsCarryTheT
         {"deleteSendFileCallback", {integer(42)}, 0},
     });
     EXPECT_TRUE(service.received(10).empty());
+    EXPECT_EQ(describe(parent), "file{uuid:srv,0,0,Root,video,http://10.0.0.5/0}");
+    EXPECT_TRUE(logged('W', kNative + "searchDMR", "Failed to setDmrList[1060]!"));
+    EXPECT_TRUE(logged('W', "getFileInfo", "CallObjectMethod --> NULL == objectTitle"));
+    EXPECT_TRUE(logged('D', "stopCurPlayingFile", "ActionAgentWrapper::stopCopyTransfer()"));
+    EXPECT_TRUE(logged('W', kNative + "startDMS", "Failed to startDMS[9]!======"));
+    EXPECT_TRUE(logged('D', "startDMS", "ActionAgentWrapper::startDMS():nReturn for startDMS: 9"));
     EXPECT_TRUE(logged('W', kNative + "sendFile", kNative + "sendFile: jstringToString failure!"));
     EXPECT_TRUE(logged('W', kNative + "setReceiveOption",
                        "Java_com_quorvik_hello_NativeLib_registerReceiver: jstringToString failure!"));
