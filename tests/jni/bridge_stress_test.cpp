@@ -25,23 +25,20 @@ using namespace pelktest;
 namespace {
 
 constexpr int kThreads = 16;
-constexpr int kFileTask = 101;
-constexpr int kFileListTask = 102;
-constexpr int kDownloadTask = 103;
-constexpr int kUploadTask = 104;
 
 const Bytes kPeer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
 const Bytes kServer = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
 const Bytes kItem = fileRecord("1", "a");
 
-// The service's answer to each request the app makes.
+// The service's answer to each request the app makes: a file send, a file list send, a download
+// and an upload start the tasks 101 to 104.
 Bytes answerTo(int32_t action) {
     switch (action) {
         case 1: return body(1, {kAppID, 0});
-        case 13: return body(13, {kFileTask, 0});
-        case 51: return body(51, {kFileListTask, 0});
-        case 40: return body(40, {kDownloadTask, 0});
-        case 39: return body(39, {kUploadTask, 0});
+        case 13: return body(13, {101, 0});
+        case 51: return body(51, {102, 0});
+        case 40: return body(40, {103, 0});
+        case 39: return body(39, {104, 0});
         case 44: return listReply(44, kPeer);
         case 22: case 23: return listReply(action, kServer);
         case 24: case 25: case 26: return listReply(action, kItem);
@@ -64,13 +61,10 @@ const struct Flow {
     {15, fileEvent(19, 8, "in", sendTag(12), kPeer), "onReceivingFile " + kFileEvent + "8,1,3,2,in,10.0.0.2,12}"},
     {53, sendStatus(54, 0, 2, "10.0.0.2"), "onSendingData data{0,2,12,10.0.0.2}"},
     {48, sendStatus(52, 6, 1, "10.0.0.2"), "onSendingData data{6,1,12,10.0.0.2}"},
-    {13, fileEvent(14, kFileTask, "a", kPeer, sendTag(12)), "onSendingFile " + kFileEvent + "101,1,3,2,a,10.0.0.2,12}"},
-    {51, fileEvent(14, kFileListTask, "b", kPeer, sendTag(12)),
-     "onSendingFile " + kFileEvent + "102,1,3,2,b,10.0.0.2,12}"},
-    {40, fileEvent(41, kDownloadTask, "down", sendTag(0), kServer),
-     "onDLNAFileCopy " + kFileEvent + "103,1,3,2,down,10.0.0.5,0}"},
-    {39, fileEvent(41, kUploadTask, "up", sendTag(0), kServer),
-     "onDLNAFileCopy " + kFileEvent + "104,1,3,2,up,10.0.0.5,0}"},
+    {13, fileEvent(14, 101, "a", kPeer, sendTag(12)), "onSendingFile " + kFileEvent + "101,1,3,2,a,10.0.0.2,12}"},
+    {51, fileEvent(14, 102, "b", kPeer, sendTag(12)), "onSendingFile " + kFileEvent + "102,1,3,2,b,10.0.0.2,12}"},
+    {40, fileEvent(41, 103, "get", sendTag(0), kServer), "onDLNAFileCopy " + kFileEvent + "103,1,3,2,get,10.0.0.5,0}"},
+    {39, fileEvent(41, 104, "put", sendTag(0), kServer), "onDLNAFileCopy " + kFileEvent + "104,1,3,2,put,10.0.0.5,0}"},
 };
 
 // The run's report, one "<kind> <what> <count>" a line, by kind and what.

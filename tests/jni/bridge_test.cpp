@@ -133,13 +133,6 @@ protected:
         }
     }
 
-    // The last request with this action ID (empty when none came).
-    Bytes request(int32_t actionID) {
-        service.waitForRequests(actionID, 1);
-        const std::vector<Bytes> requests = service.received(actionID);
-        return requests.empty() ? Bytes{} : requests.back();
-    }
-
     void registerApp(jobject appListener, jobject deviceListener) {
         ASSERT_EQ(callInt("registerApp", {str("demo"), integer(3), appListener, deviceListener}), 0);
         ASSERT_EQ(callInt("getAppID", {}), kAppID);
@@ -432,48 +425,40 @@ TEST_F(BridgeTest, EveryJavaTextReachesTheServiceAsUtf8CutOnACharacterBoundary) 
     jobject r = recorder();
     // Led by "/", so that the agent takes it for an absolute path where it wants one.
     jstring t = jtext(u"/\u00e9\u4e2d\U0001F389");
-    const std::string utf8 = "/\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x8E\x89";
-    jobject server = make(kDeviceClass, kDeviceSignature, t, 0, t, t, JNI_FALSE);
-    // One call for each place that reads Java texts: the data sends share one, and so do the
-    // records' fields.
-    const struct {
-        const char* method;
-        std::vector<jobject> args;
-        int32_t action;
-        std::vector<size_t> offsets;  // where the text stands in the request
-    } paths[] = {
-        {"registerApp", {t, integer(3), r, nullptr}, 1, {8}},
-        {"sendData", dataSend(integer(3), t), 18, {272}},
-        {"sendFile", {t, t, r, integer(12), boolean(false), integer(0)}, 13, {8, 536}},
-        {"sendFileList", {array("java/lang/String", {t}), t, r, integer(12), boolean(true), integer(0)}, 51, {8, 536}},
-        {"setReceiveOption", {t, r}, 15, {4}},
-        {"setMyDMSName", {t}, 31, {4}},
-        {"getFileList", {server, make(kFileInfoClass, kFileInfoSignature, t, t, t, t, t, t)}, 25,
-         {4, 268, 368, 616, 716, 816, 916, 1176, 1436}},
-    };
-    for (const auto& path : paths) {
-        SCOPED_TRACE(path.method);
-        call(path.method, path.args);
-        const Bytes sent = request(path.action);
-        for (size_t offset : path.offsets) {
-            EXPECT_EQ(readField(sent, offset, utf8.size() + 1), utf8 + '\0') << "at " << offset;
+    const auto utf8At = [](const std::vector<size_t>& offsets) {
+        std::vector<std::pair<size_t, std::string>> fields;
+        for (size_t offset : offsets) {
+            fields.emplace_back(offset, "/\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x8E\x89\0"s);
         }
-    }
-
-    // Cut to the field: before the character that would not fit whole.
+        return fields;
+    };
+    jobject server = make(kDeviceClass, kDeviceSignature, t, 0, t, t, JNI_FALSE);
+    jobject item = make(kFileInfoClass, kFileInfoSignature, t, t, t, t, t, t);
     const std::u16string emoji = u"\U0001F389";
-    call("sendData", dataSend(integer(3), jtext(u"1234567890123" + emoji)));
-    EXPECT_EQ(readField(request(18), 272, 16), std::string("1234567890123\0\0\0", 16));
-    call("setReceiveOption", {jtext(u"/" + std::u16string(256, u'f') + emoji), r});
-    EXPECT_EQ(readField(request(15), 4, 260), "/" + std::string(256, 'f') + std::string(3, '\0'));
-    // A text ends at U+0000, as any C text does.
-    call("setMyDMSName", {jtext(std::u16string(u"ab\0cd", 5))});
-    EXPECT_EQ(readField(request(31), 4, 5), std::string("ab\0\0\0", 5));
+    // One call for each place that reads Java texts: the data sends share one, and so do the
+    // records' fields. Cut to its field, a text ends before the character that would not fit
+    // whole; and it ends at U+0000, as any C text does.
+    expectCalls({
+        {"registerApp", {t, integer(3), r, nullptr}, 0, 1, utf8At({8})},
+        {"sendData", dataSend(integer(3), t), 0, 18, utf8At({272})},
+        {"sendFile", {t, t, r, integer(12), boolean(false), integer(0)}, 0, 13, utf8At({8, 536})},
+        {"sendFileList", {array("java/lang/String", {t}), t, r, integer(12), boolean(true), integer(0)}, 0, 51,
+         utf8At({8, 536})},
+        {"setReceiveOption", {t, r}, 0, 15, utf8At({4})},
+        {"setMyDMSName", {t}, 0, 31, utf8At({4})},
+        {"getFileList", {server, item}, "null", 25, utf8At({4, 268, 368, 616, 716, 816, 916, 1176, 1436})},
+        {"sendData", dataSend(integer(3), jtext(u"1234567890123" + emoji)), 0, 18,
+         {{272, std::string("1234567890123\0\0\0", 16)}}},
+        {"setReceiveOption", {jtext(u"/" + std::u16string(256, u'f') + emoji), r}, 0, 15,
+         {{4, "/" + std::string(256, 'f') + std::string(3, '\0')}}},
+        {"setMyDMSName", {jtext(std::u16string(u"ab\0cd", 5))}, 0, 31, {{4, std::string("ab\0\0\0", 5)}}},
+    });
 }
 
 // Texts from the service become Java strings through UTF-8 decoding: characters outside the BMP
 // arrive whole, and bytes that are no UTF-8 (invalid, or a character cut by the service at its
-// field's size) arrive as U+FFFD, in every string field of every record and event.
+// field's size) arrive as U+FFFD, in every string field of every record and event. (An app is
+// made for a list as for an event.)
 TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     jobject r = recorder();
     ASSERT_NO_FATAL_FAILURE(listenToEverything(r));
@@ -510,8 +495,6 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         EXPECT_EQ(next16(r), heard);
     }
 
-    service.answer(44, listReply(44, app));
-    EXPECT_EQ(describe16(call("searchInteractionApp", {})), u"[" + appJava + u"]");
     service.answer(22, listReply(22, dev));
     EXPECT_EQ(describe16(call("searchDMS", {})), u"[" + devJava + u"]");
     service.answer(24, listReply(24, item));
