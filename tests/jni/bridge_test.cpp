@@ -510,7 +510,11 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     EXPECT_EQ(next16(r), u"onSendingData data{0,2,12,\U0001F389 party}");
 
     // An event frame or reference left behind would pile up in the attached thread until events
-    // stop coming through: ten thousand more of each kind must all arrive.
+    // stop coming through: ten thousand more of each kind must all arrive. (Events already lost
+    // would keep the wait to its end.)
+    if (HasFailure()) {
+        return;
+    }
     const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "", false);
     const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
     const Bytes events[] = {appEvent(1, peer), deviceEvent(1, nas), dataEvent(5, peer, "data"),
