@@ -11,6 +11,8 @@
 #include <fstream>
 #include <mutex>
 
+#include "support/Waits.h"
+
 // The VM is not built with the sanitizers: what it keeps until its teardown (which these tests
 // never reach), and what looks unsynchronised inside it, is not ours. Leaks are told apart by
 // their allocating frames alone (a short allocation context), since every native method runs
@@ -95,13 +97,21 @@ Vm& Vm::get() {
     return instance;
 }
 
-bool logged(char level, const std::string& function, const std::string& message) {
+std::vector<std::string> loggedLines(char level, const std::string& part) {
     std::ifstream file(Vm::get().logFile);
-    const std::string head = std::string(1, level) + "/" + function + "(";
+    std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) {
-        const size_t colon = line.find("): ");
-        if (line.compare(0, head.size(), head) == 0 && colon != std::string::npos &&
-            line.substr(colon + 3) == message + " ") {
+        if (line.compare(0, 2, {level, '/'}) == 0 && line.find(part) != std::string::npos) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+bool logged(char level, const std::string& function, const std::string& message) {
+    const std::string head = std::string(1, level) + "/" + function + "(";
+    for (const std::string& line : loggedLines(level, "): " + message + " ")) {
+        if (line.compare(0, head.size(), head) == 0 && line.substr(line.find("): ") + 3) == message + " ") {
             return true;
         }
     }
@@ -186,6 +196,10 @@ int callInt(const char* method, const std::vector<jobject>& args) {
 }
 
 std::string describe(jobject value) { return text(call("describe", {value})); }
+
+bool awaitLiveThreads(int n) { return waitUntil([&] { return callInt("liveThreads", {}) == n; }, kWaitMs, 10); }
+
+bool awaitGlobalRefs(int n) { return waitUntil([&] { return callInt("globalRefs", {}) == n; }, kWaitMs, 10); }
 
 const std::string kNative = "Java_com_quorvik_kolt_pelk_agent_PELKAgentNativeLib_";
 

@@ -38,6 +38,8 @@ std::string vmOutput();
 
 // Whether the library logged this line: "<level>/<function>(<line>): <message> ".
 bool logged(char level, const std::string& function, const std::string& message);
+// The library's log lines of this level that contain this text.
+std::vector<std::string> loggedLines(char level, const std::string& part);
 
 // Java values and calls, made on the thread that started the VM; a Java exception fails the test.
 jstring str(const std::string& s);
@@ -54,6 +56,14 @@ jobject call(const char* method, const std::vector<jobject>& args);
 int callInt(const char* method, const std::vector<jobject>& args);  // INT32_MIN for null
 // Every value of a record, an event or an array of them, in one line (Probe.describe).
 std::string describe(jobject value);
+
+// What a wait allows: it costs only when it fails, and the machine may be loaded.
+constexpr int kWaitMs = 20000;
+// Waits until the VM knows this many threads (an attached thread is detached as it ends).
+bool awaitLiveThreads(int n);
+// Waits until the VM's global references come back to this count: a reference the agent's threads
+// dropped a moment ago may still be counted, and a leak never comes back.
+bool awaitGlobalRefs(int n);
 
 extern const std::string kNative;  // the prefix of the native methods' JNI names
 

@@ -2,16 +2,15 @@
 // the listeners that hear them, call every native method for a minute (PELK_STRESS_SECONDS),
 // registering and unregistering and replacing listeners as they go, while the fake service
 // answers every request and pushes the events that it brings about, of every kind. The VM must
-// print nothing, every call must return a code that its method documents, every event must reach
-// Java whole, and after the last unregistration the VM's global references and threads must be
-// back where they were.
+// print nothing, every method must be called, every event must reach Java whole and none be
+// dropped, and after the last unregistration the VM's global references and threads must be back
+// where they were.
 #include <gtest/gtest.h>
 #include <jni.h>
 
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <set>
@@ -19,11 +18,9 @@
 #include <string>
 #include <vector>
 
-#include "ActionManager/ResultCodes.h"
 #include "jni/BridgeHost.h"
 
 using namespace pelktest;
-using namespace PELK;
 
 namespace {
 
@@ -65,81 +62,10 @@ const struct Flow {
     {53, sendStatus(54, 0, 2, "10.0.0.2"), "onSendingData data{0,2,12,10.0.0.2}"},
     {48, sendStatus(52, 6, 1, "10.0.0.2"), "onSendingData data{6,1,12,10.0.0.2}"},
     {13, fileEvent(14, 101, "a", kPeer, sendTag(12)), "onSendingFile " + kFileEvent + "101,1,3,2,a,10.0.0.2,12}"},
-    {51, fileEvent(14, 102, "b", kPeer, sendTag(12)),  "onSendingFile " + kFileEvent + "102,1,3,2,b,10.0.0.2,12}"},
-    {40, fileEvent(41, 103, "down", sendTag(0), kServer),  "onDLNAFileCopy " + kFileEvent + "103,1,3,2,down,10.0.0.5,0}"},
-    {39, fileEvent(41, 104, "up", sendTag(0), kServer),  "onDLNAFileCopy " + kFileEvent + "104,1,3,2,up,10.0.0.5,0}"},
+    {51, fileEvent(14, 102, "b", kPeer, sendTag(12)), "onSendingFile " + kFileEvent + "102,1,3,2,b,10.0.0.2,12}"},
+    {40, fileEvent(41, 103, "get", sendTag(0), kServer), "onDLNAFileCopy " + kFileEvent + "103,1,3,2,get,10.0.0.5,0}"},
+    {39, fileEvent(41, 104, "put", sendTag(0), kServer), "onDLNAFileCopy " + kFileEvent + "104,1,3,2,put,10.0.0.5,0}"},
 };
-
-// What each native method may return: the codes of its family and of the link, the bridge's own
-// (1001 and -1), and what this service answers (0, the task IDs). File sends return codes
-// negated; the list methods return an array or null.
-constexpr ResultCode kBridgeCodes[] = {CommonResult::kMissingArgument, {-1, "a text or listener could not be taken"}};
-const ResultFamily kLink = familyOf(LinkResult::kAll);
-const ResultFamily kBridge = familyOf(kBridgeCodes);
-const ResultFamily kMedia = familyOf(CommonResult::kAll);
-
-const struct Documented {
-    std::vector<std::string> methods;
-    std::vector<ResultFamily> families;
-    std::vector<std::string> more;  // results besides the families' codes
-    int sign;                       // 1 codes as they are, -1 negated
-} kDocumented[] = {
-    {{"registerApp"}, {familyOf(RegisterResult::kAll), kLink, kBridge}, {"0"}, 1},
-    {{"unRegisterApp"}, {familyOf(UnregisterResult::kAll), kLink}, {"0"}, 1},
-    {{"getAppID"}, {}, {std::to_string(kAppID), "-1"}, 1},
-    {{"refreshInteractionApp"}, {familyOf(RefreshAppResult::kAll), kLink}, {"0"}, 1},
-    {{"sendData", "asynSendData"}, {familyOf(SendDataResult::kAll), kLink, kBridge}, {"0"}, 1},
-    {{"sendUDPData"}, {familyOf(SendUDPDataResult::kAll), kLink, kBridge}, {"0"}, 1},
-    {{"sendUDPDataAll", "broadcast"}, {familyOf(BroadcastResult::kAll), kLink, kBridge}, {"0"}, 1},
-    // A file sent alone goes as a list of one, with that list's codes.
-    {{"sendFile"}, {familyOf(SendFileResult::kAll), familyOf(SendFileListResult::kAll), kLink, kBridge},
-     {std::to_string(kFileTask)}, -1},
-    {{"sendFileList"}, {familyOf(SendFileListResult::kAll), kLink, kBridge}, {std::to_string(kFileListTask)}, -1},
-    {{"pauseSend", "resumeSend", "cancelSend", "cancelReceive"}, {familyOf(TransferControlResult::kAll), kLink},
-     {"0"}, 1},
-    {{"deleteSendFileCallback"}, {}, {"0", "1", std::to_string(LinkResult::kNotRegistered)}, 1},
-    {{"setReceiveOption", "setReceiveOptionX"}, {familyOf(SetReceiveOptionResult::kAll), kLink, kBridge}, {"0"}, 1},
-    {{"getReceiveOption"}, {familyOf(GetReceiveOptionResult::kAll), kBridge}, {"0"}, 1},
-    {{"startDMS", "stopDMS", "rescanShareFolder", "setMyDMSName", "rescanNetwork", "stopCopyTransfer",
-      "getParentDirectoryInfo", "playSelectedFile", "stopCurPlayingFile", "pauseCurPlayingFile", "resumeCurPlayingFile",
-      "enableContentListCache", "disableContentListCache"}, {kMedia, kLink, kBridge}, {"0"}, 1},
-    {{"downLoad"}, {kMedia, kLink, kBridge}, {std::to_string(kDownloadTask)}, 1},
-    {{"upLoad"}, {kMedia, kLink, kBridge}, {std::to_string(kUploadTask)}, 1},
-    {{"searchInteractionApp", "getInteractionAppList", "searchDMS", "searchDMR", "getRootFileList", "getFileList",
-      "getParentFileList"}, {}, {"array", "null"}, 1},
-};
-
-// The events that the bridge dropped: each leaves a warning that ends in "== NULL" (a listener
-// without the method, a Java object not made).
-std::vector<std::string> droppedEvents() {
-    std::ifstream file(Vm::get().logFile);
-    std::vector<std::string> dropped;
-    for (std::string line; std::getline(file, line);) {
-        if (line.compare(0, 2, "W/") == 0 && line.find("== NULL ") != std::string::npos) {
-            dropped.push_back(line);
-        }
-    }
-    return dropped;
-}
-
-// Every result that a method may give, as the Java side writes it: "<method> <result>".
-std::set<std::string> documentedResults() {
-    std::set<std::string> results;
-    for (const Documented& row : kDocumented) {
-        std::vector<std::string> texts = row.more;
-        for (const ResultFamily& family : row.families) {
-            for (size_t i = 0; i < family.count; ++i) {
-                texts.push_back(std::to_string(row.sign * family.codes[i].value));
-            }
-        }
-        for (const std::string& method : row.methods) {
-            for (const std::string& text : texts) {
-                results.insert(method + " " + text);
-            }
-        }
-    }
-    return results;
-}
 
 // The run's report, one "<kind> <what> <count>" a line, by kind and what.
 std::map<std::string, std::map<std::string, long>> parse(const std::string& text) {
@@ -184,38 +110,32 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
     ASSERT_FALSE(HasFailure()) << "the run threw (described above)";
     auto report = parse(lines);
 
-    const std::set<std::string> documented = documentedResults();
     std::set<std::string> called;
-    long calls = 0;
     for (const auto& outcome : report["call"]) {
-        EXPECT_EQ(documented.count(outcome.first), 1u) << "undocumented: " << outcome.first << ", " << outcome.second
-                                                       << " times";
         called.insert(outcome.first.substr(0, outcome.first.find(' ')));
-        calls += outcome.second;
     }
     EXPECT_EQ(called.size(), 41u) << "every native method called";
     EXPECT_EQ(report["last"], (std::map<std::string, long>{{"registerApp 0", 1}, {"unRegisterApp 0", 1}}))
         << "once the threads are done, the agent registers and unregisters";
-
-    std::cout << calls << " calls, " << report["call"]["registerApp 0"] << " registrations; events heard:\n";
+    std::cout << report["call"]["registerApp 0"] << " registrations\n";
     for (const Flow& flow : kFlows) {
-        std::cout << "  " << report["event"][flow.heard] << " " << flow.heard << "\n";
         EXPECT_GT(report["event"][flow.heard], 0) << "never heard: " << flow.heard;
         report["event"].erase(flow.heard);
     }
     for (const auto& unexpected : report["event"]) {
         ADD_FAILURE() << "heard " << unexpected.second << " times: " << unexpected.first;
     }
-    EXPECT_EQ(droppedEvents(), std::vector<std::string>{});
+    // A dropped event leaves a warning that ends in "== NULL" (a listener without the method, a
+    // Java object not made).
+    EXPECT_EQ(loggedLines('W', "== NULL "), std::vector<std::string>{});
 
+    // The link's threads end after the unregistration returns, and a global reference counted
+    // then may be on its way out: both are given a while to come back.
     auto& refs = report["refs"];
-    auto& threads = report["threads"];
-    std::cout << "global references: " << refs["start"] << " at start, " << refs["held"] << " with the listeners held, "
-              << refs["end"] << " at the end; threads: " << threads["start"] << " at start, " << threads["end"]
-              << " at the end\n";
     EXPECT_EQ(refs["held"] - refs["start"], 14) << "seven listeners, each as its class and itself";
-    EXPECT_EQ(refs["end"], refs["held"]);
-    EXPECT_EQ(threads["end"], threads["start"]);
+    EXPECT_TRUE(awaitGlobalRefs(static_cast<int>(refs["held"]))) << callInt("globalRefs", {}) << " against "
+                                                                << refs["held"];
+    EXPECT_TRUE(awaitLiveThreads(static_cast<int>(report["threads"]["start"]))) << callInt("liveThreads", {});
     EXPECT_EQ(vmOutput(), "") << "the VM reported the lines above";
 }
 

@@ -52,7 +52,7 @@ public final class Probe {
         }
 
         @Override
-        public Object invoke(Object proxy, Method method, Object[] args) {
+        public Object invoke(Object proxy, Method method, Object[] args) throws IllegalAccessException {
             StringBuilder call = new StringBuilder(method.getName());
             for (Object arg : args) {
                 call.append(' ').append(describe(arg));
@@ -94,16 +94,16 @@ public final class Probe {
     }
 
     /** Every value of a record, an event or an array of them, in one line. */
-    public static String describe(Object value) {
+    public static String describe(Object value) throws IllegalAccessException {
         if (value == null) {
             return "null";
         }
         if (value instanceof Object[]) {
-            StringBuilder text = new StringBuilder("[");
+            StringJoiner text = new StringJoiner(", ", "[", "]");
             for (Object element : (Object[]) value) {
-                text.append(text.length() > 1 ? ", " : "").append(describe(element));
+                text.add(describe(element));
             }
-            return text.append("]").toString();
+            return text.toString();
         }
         if (value instanceof byte[]) {
             StringBuilder text = new StringBuilder("\"");
@@ -112,41 +112,30 @@ public final class Probe {
             }
             return text.append("\"").toString();
         }
-        if (value instanceof PELKAgentNativeLib.InteractionApp) {
-            PELKAgentNativeLib.InteractionApp a = (PELKAgentNativeLib.InteractionApp) value;
-            return join("app", a.szAppName, a.nAppID, a.nType, a.szIPv4, a.szMacAddress, a.fLocalDevice);
+        String kind = KINDS.get(value.getClass());
+        if (kind == null) {
+            return String.valueOf(value);
         }
-        if (value instanceof DLNADevice) {
-            DLNADevice d = (DLNADevice) value;
-            return join("device", d.getName(), d.getType(), d.getUUID(), d.getIPv4(), d.isLocalDevice());
+        // The record's texts and numbers in the order its class declares them.
+        StringJoiner text = new StringJoiner(",", kind + "{", "}");
+        for (Field field : value.getClass().getDeclaredFields()) {
+            if (field.getType().isPrimitive() || field.getType() == String.class) {
+                field.setAccessible(true);
+                text.add(String.valueOf(field.get(value)));
+            }
         }
-        if (value instanceof FileInfo) {
-            FileInfo f = (FileInfo) value;
-            return join("file", f.getSourceDMSUDN(), f.getObjectParentID(), f.getObjectID(), f.getObjectTitle(),
-                        f.getObjectType(), f.getObjectURI());
-        }
-        if (value instanceof ReceiveOption) {
-            ReceiveOption o = (ReceiveOption) value;
-            return join("option", o.getDirectory(), o.isRename(), o.getPercent());
-        }
-        if (value instanceof PELKAgentNativeLib.DataTransferEvent) {
-            PELKAgentNativeLib.DataTransferEvent e = (PELKAgentNativeLib.DataTransferEvent) value;
-            return join("data", e.nId, e.nEventType, e.nRemoteAppID, e.strIPAddress);
-        }
-        if (value instanceof PELKAgentNativeLib.FileTransferEvent) {
-            PELKAgentNativeLib.FileTransferEvent e = (PELKAgentNativeLib.FileTransferEvent) value;
-            return join("fileEvent", e.ullCurrentSize, e.ullTotalSize, e.ullListTotalSize, e.nId, e.nCurrentCount,
-                        e.nTotalCount, e.nEventType, e.strFileName, e.strOtherSideIP, e.nRemoteAppID);
-        }
-        return String.valueOf(value);
+        return text.toString();
     }
 
-    private static String join(String kind, Object... values) {
-        StringBuilder text = new StringBuilder(kind).append("{");
-        for (int i = 0; i < values.length; ++i) {
-            text.append(i > 0 ? "," : "").append(values[i]);
-        }
-        return text.append("}").toString();
+    private static final Map<Class<?>, String> KINDS = new HashMap<>();
+
+    static {
+        KINDS.put(PELKAgentNativeLib.InteractionApp.class, "app");
+        KINDS.put(DLNADevice.class, "device");
+        KINDS.put(FileInfo.class, "file");
+        KINDS.put(ReceiveOption.class, "option");
+        KINDS.put(PELKAgentNativeLib.DataTransferEvent.class, "data");
+        KINDS.put(PELKAgentNativeLib.FileTransferEvent.class, "fileEvent");
     }
 
     private static final Pattern GLOBAL_REFS = Pattern.compile("JNI global refs: (\\d+)");
