@@ -2,9 +2,9 @@
 // the listeners that hear them, call every native method for a minute (PELK_STRESS_SECONDS),
 // registering and unregistering and replacing listeners as they go, while the fake service
 // answers every request and pushes the events that it brings about, of every kind. The VM must
-// print nothing, every method must be called, every event must reach Java whole and none be
-// dropped, and after the last unregistration the VM's global references and threads must be back
-// where they were.
+// print nothing, every method must be called and return a code that it documents, every event must
+// reach Java whole and none be dropped, and after the last unregistration the VM's global references
+// and threads must be back where they were.
 #include <gtest/gtest.h>
 #include <jni.h>
 
@@ -18,9 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "ActionManager/ResultCodes.h"
 #include "jni/BridgeHost.h"
 
 using namespace pelktest;
+using namespace PELK;
 
 namespace {
 
@@ -67,6 +69,63 @@ const struct Flow {
     {39, fileEvent(41, 104, "put", sendTag(0), kServer), "onDLNAFileCopy " + kFileEvent + "104,1,3,2,put,10.0.0.5,0}"},
 };
 
+// What each native method may return: the codes of its family and of the link, the bridge's own
+// (1001 and -1), and what this service answers (0, the task IDs above). File sends return codes
+// negated; the list methods return an array or null.
+constexpr ResultCode kBridgeCodes[] = {CommonResult::kMissingArgument, {-1, "a text or listener could not be taken"}};
+const ResultFamily kLink = familyOf(LinkResult::kAll);
+const ResultFamily kBridge = familyOf(kBridgeCodes);
+const ResultFamily kMedia = familyOf(CommonResult::kAll);
+
+const struct Documented {
+    std::vector<std::string> methods;
+    std::vector<ResultFamily> families;
+    std::vector<std::string> more;  // results besides the families' codes
+    int sign;                       // 1 codes as they are, -1 negated
+} kDocumented[] = {
+    {{"registerApp"}, {familyOf(RegisterResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"unRegisterApp"}, {familyOf(UnregisterResult::kAll), kLink}, {"0"}, 1},
+    {{"getAppID"}, {}, {std::to_string(kAppID), "-1"}, 1},
+    {{"refreshInteractionApp"}, {familyOf(RefreshAppResult::kAll), kLink}, {"0"}, 1},
+    {{"sendData", "asynSendData"}, {familyOf(SendDataResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"sendUDPData"}, {familyOf(SendUDPDataResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"sendUDPDataAll", "broadcast"}, {familyOf(BroadcastResult::kAll), kLink, kBridge}, {"0"}, 1},
+    // A file sent alone goes as a list of one, with that list's codes.
+    {{"sendFile"}, {familyOf(SendFileResult::kAll), familyOf(SendFileListResult::kAll), kLink, kBridge}, {"101"}, -1},
+    {{"sendFileList"}, {familyOf(SendFileListResult::kAll), kLink, kBridge}, {"102"}, -1},
+    {{"pauseSend", "resumeSend", "cancelSend", "cancelReceive"}, {familyOf(TransferControlResult::kAll), kLink},
+     {"0"}, 1},
+    {{"deleteSendFileCallback"}, {}, {"0", "1", std::to_string(LinkResult::kNotRegistered)}, 1},
+    {{"setReceiveOption", "setReceiveOptionX"}, {familyOf(SetReceiveOptionResult::kAll), kLink, kBridge}, {"0"}, 1},
+    {{"getReceiveOption"}, {familyOf(GetReceiveOptionResult::kAll), kBridge}, {"0"}, 1},
+    {{"startDMS", "stopDMS", "rescanShareFolder", "setMyDMSName", "rescanNetwork", "stopCopyTransfer",
+      "getParentDirectoryInfo", "playSelectedFile", "stopCurPlayingFile", "pauseCurPlayingFile", "resumeCurPlayingFile",
+      "enableContentListCache", "disableContentListCache"}, {kMedia, kLink, kBridge}, {"0"}, 1},
+    {{"downLoad"}, {kMedia, kLink, kBridge}, {"103"}, 1},
+    {{"upLoad"}, {kMedia, kLink, kBridge}, {"104"}, 1},
+    {{"searchInteractionApp", "getInteractionAppList", "searchDMS", "searchDMR", "getRootFileList", "getFileList",
+      "getParentFileList"}, {}, {"array", "null"}, 1},
+};
+
+// Every result that a method may give, as the Java side writes it: "<method> <result>".
+std::set<std::string> documentedResults() {
+    std::set<std::string> results;
+    for (const Documented& row : kDocumented) {
+        std::vector<std::string> texts = row.more;
+        for (const ResultFamily& family : row.families) {
+            for (size_t i = 0; i < family.count; ++i) {
+                texts.push_back(std::to_string(row.sign * family.codes[i].value));
+            }
+        }
+        for (const std::string& method : row.methods) {
+            for (const std::string& text : texts) {
+                results.insert(method + " " + text);
+            }
+        }
+    }
+    return results;
+}
+
 // The run's report, one "<kind> <what> <count>" a line, by kind and what.
 std::map<std::string, std::map<std::string, long>> parse(const std::string& text) {
     std::map<std::string, std::map<std::string, long>> report;
@@ -110,8 +169,11 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
     ASSERT_FALSE(HasFailure()) << "the run threw (described above)";
     auto report = parse(lines);
 
+    const std::set<std::string> documented = documentedResults();
     std::set<std::string> called;
     for (const auto& outcome : report["call"]) {
+        EXPECT_EQ(documented.count(outcome.first), 1u) << "undocumented: " << outcome.first << ", " << outcome.second
+                                                       << " times";
         called.insert(outcome.first.substr(0, outcome.first.find(' ')));
     }
     EXPECT_EQ(called.size(), 41u) << "every native method called";
