@@ -125,14 +125,11 @@ TEST_F(AgentTest, EachOperationSendsItsActionAndLayout) {
         // The directory, then renaming, data wanted and files wanted, then the percent.
         {ACTION_SET_RECEIVE_OPTION, [&] { return agent->setReceiveOption(&option); },
          {{4, "/sdcard/in\0"s}, {264, {0, 0, 1}}, {267, le(25)}}},
+        // The int forms hand the task to the unsigned long ones.
         control(ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77); }),
-        control(ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77UL); }),
         control(ACTION_RESUME_SEND, [&] { return agent->resumeSend(77); }),
-        control(ACTION_RESUME_SEND, [&] { return agent->resumeSend(77UL); }),
         control(ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77); }),
-        control(ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77UL); }),
         control(ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77); }),
-        control(ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77UL); }),
         {ACTION_PLAY_SELECTED_FILE,
          [&] { return agent->playSelectedFile(1, &renderer, &files, &server, nullptr, nullptr, 9); },
          {{4, "server\0"s}, {616, "renderer\0"s}, {1232 + 1844 + 300, "two\0"s}, {1232 + 2 * 1844, le(1) + le(9)}}},
@@ -156,7 +153,9 @@ TEST_F(AgentTest, EachOperationSendsItsActionAndLayout) {
     };
     for (const auto& [actionID, call, fields] : cases) {
         service->answer(actionID, B().i32(actionID).zeros(1848));
+        const size_t before = service->received(actionID).size();
         EXPECT_EQ(0, call()) << actionID;
+        EXPECT_TRUE(service->waitForRequests(actionID, before + 1)) << actionID;  // the asynchronous send
         expectFields(lastRequest(actionID), fields, actionID);
     }
     // The option is kept whatever the service answers.
