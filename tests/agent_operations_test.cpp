@@ -20,6 +20,7 @@
 using namespace pelktest;
 using namespace PELK;
 using PELK::Agent::ActionAgent;
+using std::string_literals::operator""s;
 
 namespace {
 
@@ -28,6 +29,31 @@ InteractionApp target(int appID = 12, const char* ip = "10.0.0.9") {
     app.nAppID = appID;
     app.SetIPv4(ip);
     return app;
+}
+
+DLNADevice device(const char* name, DLNA_DEVICE_TYPE type) {
+    DLNADevice record;
+    strcpy(record.name, name);
+    record.type = type;
+    return record;
+}
+
+FileInfo item(const char* title) {
+    FileInfo record;
+    strcpy(record.objectTitle, title);
+    return record;
+}
+
+// A 32-bit word as the wire carries it.
+std::string le(int32_t value) { return readField(B().i32(value), 0, 4); }
+
+// The fields a request must carry: each offset with its bytes (a text with its terminator).
+using Fields = std::vector<std::pair<size_t, std::string>>;
+
+void expectFields(const Bytes& request, const Fields& fields, int32_t actionID) {
+    for (const auto& [offset, bytes] : fields) {
+        EXPECT_EQ(bytes, readField(request, offset, bytes.size())) << "action " << actionID << " at " << offset;
+    }
 }
 
 // A data status event (52 or 54) for a send to app.
@@ -54,37 +80,98 @@ Bytes hugePiece(uint32_t listID, uint32_t sequence, const std::string& content) 
 
 std::string dataOf(const CallbackRecord& record) { return std::string(record.data.begin(), record.data.end()); }
 
-class DataTest : public AgentTest {};
-
-TEST_F(DataTest, SendDataCarriesTargetFlagTimeOutInMillisecondsAndData) {
+// One registration, every operation's request in turn: its action ID and the fields that carry its
+// arguments. Zeros after the action ID read as an empty, successful reply of every layout here.
+TEST_F(AgentTest, EachOperationSendsItsActionAndLayout) {
     registerAgent();
-    answerResult(ACTION_SEND_DATA, 0);
-    const InteractionApp app = target();
-    ASSERT_EQ(0, agent->sendData("hello", 5, &app, true, 7));
-    const Bytes request = lastRequest(ACTION_SEND_DATA);
-    EXPECT_EQ(Bytes(reinterpret_cast<const uint8_t*>(&app), reinterpret_cast<const uint8_t*>(&app) + 304),
-              Bytes(request.begin() + 4, request.begin() + 308));
-    EXPECT_EQ(1, request[308]);
-    EXPECT_EQ(5, readInt32(request, 313));
-    EXPECT_EQ("hello", readField(request, 317, 5));
-    // Seconds from 1 to 200 become milliseconds; other values are taken as they are.
-    for (const auto& timeouts : std::vector<std::pair<int, int>>{{200, 200000}, {201, 201}, {0, 0}, {1, 1000}}) {
-        ASSERT_EQ(0, agent->sendData("hello", 5, &app, true, timeouts.first));
-        EXPECT_EQ(timeouts.second, readInt32(lastRequest(ACTION_SEND_DATA), 309)) << timeouts.first;
+    const InteractionApp app = target(300);
+    const std::string record(reinterpret_cast<const char*>(&app), 304);
+    const std::vector<std::string> paths = {"/data/a.txt", "/data/b.txt"};
+    ReceiveOption option;
+    strcpy(option.directory, "/sdcard/in");
+    option.rename = false;
+    option.percent = 25;
+    option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
+    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
+    const DLNADevice renderer = device("renderer", DLNA_DEVICE_DMR);
+    const FileInfo folder = item("folder");
+    const std::vector<FileInfo> files = {item("one"), item("two")};
+    uint32_t fileTask = 0;
+    int copyTask = 0;
+    FileInfo parent;
+    const auto send = [&](int seconds) {
+        return [&, seconds] { return agent->sendData("hello", 5, &app, true, seconds); };
+    };
+    const auto control = [](int32_t actionID, std::function<int()> call) {
+        return std::make_tuple(actionID, call, Fields{{4, le(77)}});
+    };
+    const Fields toRenderer = {{4, "renderer\0"s}};
+    const Fields toServer = {{4, "server\0"s}};
+    const std::vector<std::tuple<int32_t, std::function<int()>, Fields>> cases = {
+        // The target's record, the flag, the time-out, the length and the data; seconds from 1 to
+        // 200 become milliseconds, other values are taken as they are.
+        {ACTION_SEND_DATA, send(7), {{4, record}, {308, "\1"}, {309, le(7000)}, {313, le(5)}, {317, "hello"}}},
+        {ACTION_SEND_DATA, send(200), {{309, le(200000)}}},
+        {ACTION_SEND_DATA, send(201), {{309, le(201)}}},
+        {ACTION_SEND_DATA, send(0), {{309, le(0)}}},
+        {ACTION_SEND_DATA, send(1), {{309, le(1000)}}},
+        {ACTION_ASYN_SEND_DATA,
+         [&] { return agent->asynSendData("b", 1, &app, false, CallbackRecorder::onData, &user); },
+         {{309, "\1"}, {314, "b"}}},  // a status is wanted
+        // The count, every path, the target, the tag (this app, the target, its kind) and the option.
+        {ACTION_SEND_FILE_EX, [&] { return agent->sendFileList(&paths, &app, nullptr, nullptr, &fileTask, true, 6); },
+         {{4, le(2)}, {8, "/data/a.txt\0"s}, {268, "/data/b.txt\0"s}, {528 + 260, le(300)},
+          {832, {kAppID, 300 & 0xFF, 3, 0}}, {840, le(6)}}},
+        // The directory, then renaming, data wanted and files wanted, then the percent.
+        {ACTION_SET_RECEIVE_OPTION, [&] { return agent->setReceiveOption(&option); },
+         {{4, "/sdcard/in\0"s}, {264, {0, 0, 1}}, {267, le(25)}}},
+        // The int forms hand the task to the unsigned long ones.
+        control(ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77); }),
+        control(ACTION_RESUME_SEND, [&] { return agent->resumeSend(77); }),
+        control(ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77); }),
+        control(ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77); }),
+        {ACTION_PLAY_SELECTED_FILE,
+         [&] { return agent->playSelectedFile(1, &renderer, &files, &server, nullptr, nullptr, 9); },
+         {{4, "server\0"s}, {616, "renderer\0"s}, {1232 + 1844 + 300, "two\0"s}, {1232 + 2 * 1844, le(1) + le(9)}}},
+        {ACTION_STOP_PLAYING_FILE, [&] { return agent->stopCurPlayingFile(&renderer); }, toRenderer},
+        {ACTION_PAUSE_PLAYING_FILE, [&] { return agent->pauseCurPlayingFile(&renderer); }, toRenderer},
+        {ACTION_RESUME_PLAYING_FILE, [&] { return agent->resumeCurPlayingFile(&renderer); }, toRenderer},
+        {ACTION_ENABLE_CONTENT_LIST_CACHE, [&] { return agent->enableContentListCache(&server); }, toServer},
+        {ACTION_DISABLE_CONTENT_LIST_CACHE, [&] { return agent->disableContentListCache(&server); }, toServer},
+        {ACTION_START_DMS, [&] { return agent->startDMS(); }, {}},
+        {ACTION_STOP_DMS, [&] { return agent->stopDMS(); }, {}},
+        {ACTION_STOP_COPY_TRANSFER, [&] { return agent->stopCopyTransfer(4); }, {{4, le(4)}}},
+        {21, [&] { return agent->setShareFolder("/sdcard/share"); }, {{4, "/sdcard/share\0"s}}},
+        {ACTION_SET_MY_DMS_NAME, [&] { return agent->setMyDMSName("my server"); }, {{4, "my server\0"s}}},
+        {ACTION_RESCAN_NETWORK, [&] { return agent->rescanNetwork(DLNA_DEVICE_DMR); }, {{4, le(1)}}},
+        {ACTION_REFRESH_APP, [&] { return agent->refreshInteractionApp(true); }, {{4, "\1"}}},
+        {ACTION_GET_PARENT_DIRECTORY_INFO, [&] { return agent->getParentDirectoryInfo(&folder, &parent); },
+         {{4 + 300, "folder\0"s}}},
+        {ACTION_COPY_FILE, [&] { return agent->copyFileList(&server, &renderer, &files, &folder, nullptr, &copyTask); },
+         {{616, "renderer\0"s}, {1232 + 2 * 1844 + 300, "folder\0"s}}},
+        {ACTION_DOWNLOAD_FILE, [&] { return agent->copyFileList(&server, &files, nullptr, &copyTask); }, toServer},
+    };
+    for (const auto& [actionID, call, fields] : cases) {
+        service->answer(actionID, B().i32(actionID).zeros(1848));
+        const size_t before = service->received(actionID).size();
+        EXPECT_EQ(0, call()) << actionID;
+        EXPECT_TRUE(service->waitForRequests(actionID, before + 1)) << actionID;  // the asynchronous send
+        expectFields(lastRequest(actionID), fields, actionID);
     }
-    answerResult(ACTION_SEND_DATA, 6);
-    EXPECT_EQ(6, agent->sendData("x", 1, &app, false, 1)) << "the service's result";
-    answerResult(ACTION_BROADCAST);
-    ASSERT_EQ(0, agent->broadcast("all", 3, "255.255.255.255", true));
-    const Bytes broadcast = lastRequest(ACTION_BROADCAST);
-    EXPECT_EQ("255.255.255.255", readText(broadcast, 4 + 268, 16));
-    EXPECT_EQ(1, broadcast[308]);
-    EXPECT_EQ("all", readField(broadcast, 313, 3));
+    // The option is kept whatever the service answers.
+    answerResult(ACTION_SET_RECEIVE_OPTION, 4);
+    option.percent = 30;
+    EXPECT_EQ(4, agent->setReceiveOption(&option));
+    ReceiveOption saved;
+    ASSERT_EQ(0, agent->getReceiveOption(&saved));
+    EXPECT_STREQ("/sdcard/in", saved.directory);
+    EXPECT_EQ(30, saved.percent);
+    EXPECT_EQ(CallbackRecorder::onReceiveFile, saved.pfnReceiveFile);
 }
 
 // A payload above one datagram goes out as pieces of 8173 bytes, each behind its list ID and
 // sequence number: 0 first, its index in between, kLastSequence last; one piece carries 0 alone.
-TEST_F(DataTest, UDPPayloadsAboveOneDatagramGoOutAsNumberedPieces) {
+TEST_F(AgentTest, UDPPayloadsAboveOneDatagramGoOutAsNumberedPieces) {
     registerAgent();
     answerResult(ACTION_SEND_UDP_DATA);
     answerResult(ACTION_SEND_UDP_HUGE_DATA);
@@ -97,8 +184,9 @@ TEST_F(DataTest, UDPPayloadsAboveOneDatagramGoOutAsNumberedPieces) {
     ASSERT_EQ(0, agent->sendUDPHugeData(payload.data(), static_cast<unsigned int>(payload.size()), &app));
     const std::vector<Bytes> pieces = service->received(ACTION_SEND_UDP_HUGE_DATA);
     ASSERT_EQ(5u, pieces.size());
+    const int32_t last = static_cast<int32_t>(ActionAgent::kLastSequence);
     const std::vector<std::pair<int32_t, int32_t>> expected = {
-        {2040 + 8, 0}, {8173 + 8, 0}, {8173 + 8, 1}, {8173 + 8, 2}, {1 + 8, static_cast<int32_t>(ActionAgent::kLastSequence)}};
+        {2040 + 8, 0}, {8173 + 8, 0}, {8173 + 8, 1}, {8173 + 8, 2}, {1 + 8, last}};
     for (size_t i = 0; i < pieces.size(); ++i) {
         EXPECT_EQ(expected[i], std::make_pair(readInt32(pieces[i], 308), readInt32(pieces[i], 316))) << i;
         EXPECT_EQ(app.nAppID, readInt32(pieces[i], 4 + 260));
@@ -109,16 +197,17 @@ TEST_F(DataTest, UDPPayloadsAboveOneDatagramGoOutAsNumberedPieces) {
     EXPECT_EQ(6u, service->received(ACTION_SEND_UDP_HUGE_DATA).size()) << "a refused piece ends the send";
 }
 
-TEST_F(DataTest, AsynchronousSendsToOneAppShareOneCountedEntry) {
+class StatusTest : public AgentTest {};
+
+TEST_F(StatusTest, AsynchronousSendsToOneAppShareOneCountedEntry) {
     registerAgent();
     const InteractionApp app = target();
+    const auto send = [&](void* owner) {
+        return agent->asynSendData("a", 1, &app, false, CallbackRecorder::onData, owner);
+    };
     int otherUser = 0;
-    ASSERT_EQ(0, agent->asynSendData("a", 1, &app, false, CallbackRecorder::onData, &user));
-    ASSERT_EQ(0, agent->asynSendData("b", 1, &app, false, CallbackRecorder::onData, &otherUser));
-    ASSERT_TRUE(service->waitForRequests(ACTION_ASYN_SEND_DATA, 2));
-    const Bytes request = lastRequest(ACTION_ASYN_SEND_DATA);
-    EXPECT_EQ(1, request[309]) << "a status is wanted";
-    EXPECT_EQ("b", readField(request, 314, 1));
+    ASSERT_EQ(0, send(&user));
+    ASSERT_EQ(0, send(&otherUser));
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(service->push(dataStatus<SendTCPDataStatusRes>(app, i)));
     }
@@ -134,8 +223,8 @@ TEST_F(DataTest, AsynchronousSendsToOneAppShareOneCountedEntry) {
 
     // A status callback may send with a status callback of its own.
     std::atomic<int> inside(-1);
-    ASSERT_EQ(0, agent->asynSendData("a", 1, &app, false, CallbackRecorder::onData, &user));
-    callbacks.runInside("data", [&] { inside = agent->asynSendData("c", 1, &app, false, CallbackRecorder::onData, &user); });
+    ASSERT_EQ(0, send(&user));
+    callbacks.runInside("data", [&] { inside = send(&user); });
     ASSERT_TRUE(service->push(dataStatus<SendTCPDataStatusRes>(app, 0)));
     ASSERT_TRUE(callbacks.waitFor("data", 3));
     EXPECT_EQ(0, inside.load());
@@ -144,12 +233,15 @@ TEST_F(DataTest, AsynchronousSendsToOneAppShareOneCountedEntry) {
     EXPECT_TRUE(callbacks.waitFor("data", 4)) << "the send made inside the callback is filed";
 }
 
-TEST_F(DataTest, UDPStatusIsKeyedByTheWholeAddressField) {
+TEST_F(StatusTest, UDPStatusIsKeyedByTheWholeAddressField) {
     registerAgent();
     answerResult(ACTION_SEND_UDP_DATA);
     InteractionApp app = target();
     app.szIPv4[12] = 'z';  // left over behind the terminator: part of the key
-    ASSERT_EQ(0, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &user));
+    const auto send = [&](void* owner) {
+        return agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, owner);
+    };
+    ASSERT_EQ(0, send(&user));
     EXPECT_EQ(1, lastRequest(ACTION_SEND_UDP_DATA)[308]);
     for (const InteractionApp& to : {target(), app, app}) {
         ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(to, 0)));
@@ -160,11 +252,11 @@ TEST_F(DataTest, UDPStatusIsKeyedByTheWholeAddressField) {
 
     // A failed or refused send withdraws its own entry, never a pending one's to the same app.
     int other = 0;
-    ASSERT_EQ(0, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &user));
+    ASSERT_EQ(0, send(&user));
     service->answer(ACTION_SEND_UDP_DATA, body(ACTION_SEND_UDP_DATA, {}));
-    EXPECT_NE(0, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &other));
+    EXPECT_NE(0, send(&other));
     answerResult(ACTION_SEND_UDP_DATA, 5);
-    EXPECT_EQ(5, agent->sendUDPData("u", 1, &app, true, CallbackRecorder::onData, &other));
+    EXPECT_EQ(5, send(&other));
     ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(app, 0)));
     ASSERT_TRUE(service->push(dataStatus<SendUDPDataStatusRes>(app, 0)));
     ASSERT_TRUE(callbacks.waitFor("data", 2));
@@ -172,24 +264,31 @@ TEST_F(DataTest, UDPStatusIsKeyedByTheWholeAddressField) {
     EXPECT_EQ(&user, callbacks.of("data")[1].user);
 }
 
-class ReceiveTest : public AgentTest {
-protected:
-    void SetUp() override {
-        AgentTest::SetUp();
-        registerAgent();
-        ReceiveOption option;
-        option.pfnReceiveData = CallbackRecorder::onReceiveData;
-        option.pReceiveDataUser = &user;
-        option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
-        option.pReceiveFileUser = &user;
-        ASSERT_EQ(0, agent->setReceiveOption(&option));
-    }
-};
+// A received file's progress names its sender; pieces of a large payload are joined in arrival
+// order and delivered at the last, and a sender keeps at most eight unfinished payloads, the
+// oldest going first.
+TEST_F(AgentTest, ReceivedFilesAndLargePayloadsReachTheReceiveCallbacks) {
+    registerAgent();
+    ReceiveOption option;
+    option.pfnReceiveData = CallbackRecorder::onReceiveData;
+    option.pReceiveDataUser = &user;
+    option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
+    option.pReceiveFileUser = &user;
+    ASSERT_EQ(0, agent->setReceiveOption(&option));
+    ReceiveFileRes file;
+    file.nTaskID = 8;
+    file.sender = target(30, "10.0.0.30");
+    file.sendTag.byRemoteAppID = 31;
+    const Bytes wire = Encode(file);
+    ASSERT_TRUE(service->push(wire));
+    ASSERT_TRUE(callbacks.waitFor("receive-file", 1));
+    const CallbackRecord received = callbacks.of("receive-file")[0];
+    EXPECT_EQ(8, received.fileEvent.nId);
+    EXPECT_EQ(30, received.fileEvent.nRemoteAppID) << "the sender's, not the tag's";
+    EXPECT_EQ(&user, received.user);
+    dispatch(Bytes(wire.begin(), wire.end() - 1));
+    EXPECT_EQ(1u, callbacks.of("receive-file").size()) << "619 bytes cannot be a file event";
 
-// Pieces are joined in arrival order and delivered at the last; a sender keeps at most eight
-// unfinished payloads, the oldest going first.
-TEST_F(ReceiveTest, ALargePayloadIsDeliveredOnceJoinedInArrivalOrder) {
-    EXPECT_EQ("\1\1", readField(lastRequest(ACTION_SET_RECEIVE_OPTION), 265, 2)) << "data and files wanted";
     ASSERT_TRUE(service->push(hugePiece(5, 0, "abc")));
     ASSERT_TRUE(service->push(hugePiece(6, 0, "never")));  // one piece: no end mark, never delivered
     ASSERT_TRUE(service->push(hugePiece(5, 7, "de")));
@@ -217,82 +316,16 @@ TEST_F(ReceiveTest, ALargePayloadIsDeliveredOnceJoinedInArrivalOrder) {
     EXPECT_EQ("tail", dataOf(later[2])) << "its head was dropped";
 }
 
-TEST_F(ReceiveTest, DataAndFilesFromOtherAppsReachTheReceiveCallbacks) {
-    ReceiveDataRes data;
-    data.nDataType = 4;
-    data.sender = target(30, "10.0.0.30");
-    data.data.Set("", 0);
-    ASSERT_TRUE(service->push(Encode(data)));
-    ReceiveFileRes file;
-    file.nTaskID = 8;
-    file.ullCurrentSize = 10;
-    file.ullTotalSize = 20;
-    file.nCurrentCount = 1;
-    file.nTotalCount = 2;
-    strcpy(file.strFileName, "photo.jpg");
-    file.sender = target(30, "10.0.0.30");
-    const Bytes wire = Encode(file);
-    ASSERT_TRUE(service->push(wire));
-    ASSERT_TRUE(callbacks.waitFor("receive-file", 1));
-    ASSERT_EQ(1u, callbacks.of("receive-data").size());
-    EXPECT_EQ(4, callbacks.of("receive-data")[0].status);
-    EXPECT_TRUE(callbacks.of("receive-data")[0].data.empty());
-    const CallbackRecord received = callbacks.of("receive-file")[0];
-    const file_transfer_event& event = received.fileEvent;
-    EXPECT_EQ((std::vector<int64_t>{8, 10, 20, 1, 2, 30}),
-              (std::vector<int64_t>{event.nId, static_cast<int64_t>(event.ullCurrentSize),
-                                    static_cast<int64_t>(event.ullTotalSize), event.nCurrentCount, event.nTotalCount,
-                                    event.nRemoteAppID}));
-    EXPECT_STREQ("photo.jpg", event.strFileName);
-    EXPECT_STREQ("10.0.0.30", event.strOtherSideIP);
-    EXPECT_EQ(&user, received.user);
-
-    dispatch(Bytes(wire.begin(), wire.end() - 1));
-    EXPECT_EQ(1u, callbacks.of("receive-file").size()) << "619 bytes cannot be a file event";
-}
-
-class FileTest : public AgentTest {
-protected:
-    void answerSendFile(int32_t actionID, int32_t taskID, int32_t result = 0) {
-        service->answer(actionID, body(actionID, {taskID, result}));
-    }
-};
-
-TEST_F(FileTest, SendFilesPutEveryAbsolutePathTheTargetAndTheTagOnTheWire) {
+// A file send's progress reaches its sender's callback alone, until the callback is deleted.
+// Paths are made absolute and names bounded at their last part; the empty path resolves to the
+// current directory, or to nothing once that is gone.
+TEST_F(AgentTest, FileSendProgressReachesItsCallbackAndPathsAreMadeAbsolute) {
     registerAgent();
-    answerSendFile(ACTION_SEND_FILE_EX, 77);
-    const std::vector<std::string> paths = {"/data/a.txt", "/data/b.txt"};
-    const InteractionApp app = target(300);
-    uint32_t taskID = 0;
-    ASSERT_EQ(0, agent->sendFileList(&paths, &app, CallbackRecorder::onFile, &user, &taskID, true, 6));
-    EXPECT_EQ(77u, taskID);
-    const Bytes request = lastRequest(ACTION_SEND_FILE_EX);
-    EXPECT_EQ(2, readInt32(request, 4));
-    EXPECT_EQ("/data/a.txt", readText(request, 8, 260));
-    EXPECT_EQ("/data/b.txt", readText(request, 268, 260));
-    EXPECT_EQ(300, readInt32(request, 528 + 260));
-    EXPECT_EQ((Bytes{kAppID, 300 & 0xFF, 3, 0}), Bytes(request.begin() + 832, request.begin() + 836));
-    EXPECT_EQ(6, readInt32(request, 840));
-
-    // Paths are made absolute and names bounded at their last part.
-    answerSendFile(ACTION_SEND_FILE, 1);
-    EXPECT_EQ(0, agent->sendFile(("/d/" + std::string(225, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
-    // The empty path resolves to the current directory, or to nothing once that is gone.
-    EXPECT_EQ(0, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
-    TempDir gone;
-    const std::string here = Common::OSAbstractLayer::osal_getProgramPath();
-    ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(gone.path().c_str()));
-    ASSERT_EQ(0, rmdir(gone.path().c_str()));
-    EXPECT_EQ(SendFileResult::kPathNotAbsolute, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
-    ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(here.c_str()));
-}
-
-TEST_F(FileTest, ProgressGoesToTheSendersCallbackAndControlsCarryTheTaskID) {
-    registerAgent();
-    answerSendFile(ACTION_SEND_FILE, 77);
+    service->answer(ACTION_SEND_FILE, body(ACTION_SEND_FILE, {77, 0}));
     const InteractionApp app = target();
     uint32_t taskID = 0;
     ASSERT_EQ(0, agent->sendFile("/data/a.txt", &app, CallbackRecorder::onFile, &user, &taskID, false, 0));
+    EXPECT_EQ(77u, taskID);
     SendFileStatusRes progress;
     progress.nTaskID = 78;
     ASSERT_TRUE(service->push(Encode(progress)));  // another task: nobody is told
@@ -313,193 +346,70 @@ TEST_F(FileTest, ProgressGoesToTheSendersCallbackAndControlsCarryTheTaskID) {
                                     static_cast<int64_t>(event.ullListTotalSize), event.nCurrentCount,
                                     event.nTotalCount, event.nRemoteAppID}));
     EXPECT_STREQ("10.0.0.9", event.strOtherSideIP);
-
-    const std::vector<std::pair<int32_t, std::function<int()>>> controls = {
-        {ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77); }},
-        {ACTION_PAUSE_SEND, [&] { return agent->pauseSend(77UL); }},
-        {ACTION_RESUME_SEND, [&] { return agent->resumeSend(77); }},
-        {ACTION_RESUME_SEND, [&] { return agent->resumeSend(77UL); }},
-        {ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77); }},
-        {ACTION_CANCEL_RECEIVE, [&] { return agent->cancelReceive(77UL); }},
-        {ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77); }},
-        {ACTION_CANCEL_SEND, [&] { return agent->cancelSend(77UL); }},
-    };
-    for (const auto& control : controls) {
-        service->answer(control.first, body(control.first, {77, 0}));
-        EXPECT_EQ(0, control.second());
-        EXPECT_EQ(body(control.first, {77}), lastRequest(control.first));
-    }
     EXPECT_EQ(0, agent->deleteSendFileCallback(77));
     EXPECT_EQ(1, agent->deleteSendFileCallback(77));
+
+    EXPECT_EQ(0, agent->sendFile(("/d/" + std::string(225, 'f')).c_str(), &app, nullptr, nullptr, &taskID, false, 0));
+    EXPECT_EQ(0, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
+    TempDir gone;
+    const std::string here = Common::OSAbstractLayer::osal_getProgramPath();
+    ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(gone.path().c_str()));
+    ASSERT_EQ(0, rmdir(gone.path().c_str()));
+    EXPECT_EQ(SendFileResult::kPathNotAbsolute, agent->sendFile("", &app, nullptr, nullptr, &taskID, false, 0));
+    ASSERT_EQ(0, Common::OSAbstractLayer::osal_setCurrentPath(here.c_str()));
     agent->unregisterApp();
     EXPECT_EQ(2000, agent->pauseSend(77));
     EXPECT_EQ(1100, agent->deleteSendFileCallback(77));
 }
 
-TEST_F(FileTest, ReceiveOptionsAreSentAndKept) {
-    ReceiveOption option;
-    registerAgent();
-    strcpy(option.directory, "/sdcard/in");
-    option.rename = false;
-    option.percent = 25;
-    option.pfnReceiveFile = CallbackRecorder::onReceiveFile;
-    answerResult(ACTION_SET_RECEIVE_OPTION, 4);
-    EXPECT_EQ(4, agent->setReceiveOption(&option)) << "kept whatever the result";
-    const Bytes request = lastRequest(ACTION_SET_RECEIVE_OPTION);
-    EXPECT_EQ("/sdcard/in", readText(request, 4, 260));
-    EXPECT_EQ((Bytes{0, 0, 1}), Bytes(request.begin() + 264, request.begin() + 267));
-    EXPECT_EQ(25, readInt32(request, 267));
-    ReceiveOption saved;
-    ASSERT_EQ(0, agent->getReceiveOption(&saved));
-    EXPECT_STREQ("/sdcard/in", saved.directory);
-    EXPECT_EQ(25, saved.percent);
-    EXPECT_EQ(CallbackRecorder::onReceiveFile, saved.pfnReceiveFile);
-}
-
-class MediaTest : public AgentTest {
-protected:
-    DLNADevice device(const char* name, DLNA_DEVICE_TYPE type) {
-        DLNADevice record;
-        strcpy(record.name, name);
-        record.type = type;
-        return record;
-    }
-    FileInfo item(const char* title) {
-        FileInfo record;
-        strcpy(record.objectTitle, title);
-        return record;
-    }
-};
-
-TEST_F(MediaTest, EachOperationSendsItsActionAndLayout) {
-    registerAgent();
+// Browsing appends to the caller's lists and an unreadable reply is a failure; a download's
+// progress and a device change reach their callbacks with the registration's user pointer.
+TEST_F(AgentTest, MediaRepliesAppendToTheCallersListsAndCopiesAndDevicesReportTheirEvents) {
+    registerAgent(true, false);
     const DLNADevice server = device("server", DLNA_DEVICE_DMS);
-    const DLNADevice renderer = device("renderer", DLNA_DEVICE_DMR);
-    const FileInfo folder = item("folder");
-    const std::vector<FileInfo> files = {item("one"), item("two")};
-    int taskID = 0;
-    FileInfo parent;
-    LocalNetworkDevice network;
-    std::vector<InteractionApp> apps;
-    // Each operation's action ID, the size of its request, and its call.
-    const std::vector<std::tuple<int32_t, size_t, std::function<int()>>> cases = {
-        {29, 8, [&] { return agent->stopCopyTransfer(4); }},
-        {35, 1240 + 2 * 1844, [&] { return agent->playSelectedFile(1, &renderer, &files, &server, nullptr, nullptr, 9); }},
-        {36, 616, [&] { return agent->stopCurPlayingFile(&renderer); }},
-        {37, 616, [&] { return agent->pauseCurPlayingFile(&renderer); }},
-        {38, 616, [&] { return agent->resumeCurPlayingFile(&renderer); }},
-        {42, 616, [&] { return agent->enableContentListCache(&server); }},
-        {43, 616, [&] { return agent->disableContentListCache(&server); }},
-        {27, 4, [&] { return agent->startDMS(); }},
-        {28, 4, [&] { return agent->stopDMS(); }},
-        {21, 264, [&] { return agent->setShareFolder("/sdcard/share"); }},
-        {30, 4, [&] { return agent->rescanShareFolder(); }},
-        {31, 264, [&] { return agent->setMyDMSName("my server"); }},
-        {33, 8, [&] { return agent->rescanNetwork(DLNA_DEVICE_DMR); }},
-        {49, 5, [&] { return agent->refreshInteractionApp(true); }},
-        {47, 1848, [&] { return agent->getParentDirectoryInfo(&folder, &parent); }},
-        {39, 3076 + 2 * 1844, [&] { return agent->copyFileList(&server, &renderer, &files, &folder, nullptr, &taskID); }},
-        {40, 3076 + 2 * 1844, [&] { return agent->copyFileList(&server, &files, nullptr, &taskID); }},
-        {17, 4, [&] { return agent->getLocalNetworkInfo(&network); }},
-        {44, 4, [&] { return agent->searchInteractionApp(&apps); }},
-    };
-    for (const auto& [actionID, size, call] : cases) {
-        // Zeros after the action ID read as an empty, successful reply of every layout here.
-        service->answer(actionID, B().i32(actionID).zeros(1848));
-        EXPECT_EQ(0, call()) << actionID;
-        EXPECT_EQ(size, lastRequest(actionID).size()) << actionID;
-    }
-    const Bytes play = lastRequest(35);
-    EXPECT_EQ("server", readText(play, 4, 260));
-    EXPECT_EQ("renderer", readText(play, 616, 260));
-    EXPECT_EQ("two", readText(play, 1232 + 1844 + 300, 260));
-    EXPECT_EQ(1, readInt32(play, 1232 + 2 * 1844));
-    EXPECT_EQ(9, readInt32(play, 1236 + 2 * 1844));
-    EXPECT_EQ("renderer", readText(lastRequest(36), 4, 260));
-    EXPECT_EQ(4, readInt32(lastRequest(29), 4));
-    EXPECT_EQ(1, readInt32(lastRequest(33), 4));
-    EXPECT_EQ(1, lastRequest(49)[4]);
-    EXPECT_EQ("/sdcard/share", readText(lastRequest(21), 4, 260));
-    EXPECT_EQ("my server", readText(lastRequest(31), 4, 260));
-    EXPECT_EQ("folder", readText(lastRequest(47), 4 + 300, 260));
-    const Bytes upload = lastRequest(39);
-    EXPECT_EQ("renderer", readText(upload, 616, 260));
-    EXPECT_EQ("folder", readText(upload, 1232 + 2 * 1844 + 300, 260));
-}
-
-TEST_F(MediaTest, BrowsingAppendsToTheCallersLists) {
-    registerAgent();
-    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
-    const FileInfo folder = item("folder");
-    SearchDeviceRes found(ACTION_SEARCH_DMS);
-    found.devices = {server, device("second", DLNA_DEVICE_DMS)};
-    found.nResult = 0;
-    service->answer(ACTION_SEARCH_DMS, Encode(found));
-    std::vector<DLNADevice> devices(1);
-    ASSERT_EQ(0, agent->searchDMS(&devices));
-    ASSERT_EQ(3u, devices.size());
-    EXPECT_STREQ("second", devices[2].name);
-
-    for (int32_t actionID : {ACTION_GET_ROOT_FILE_LIST, ACTION_GET_CHILD_FILE_LIST, ACTION_GET_PARENT_FILE_LIST}) {
-        GetFileListRes listing(actionID);
-        listing.items = {item("a"), item("b")};
-        listing.nResult = 0;
-        service->answer(actionID, Encode(listing));
-    }
+    GetFileListRes listing(ACTION_GET_ROOT_FILE_LIST);
+    listing.items = {item("a"), item("b")};
+    listing.nResult = 0;
+    service->answer(ACTION_GET_ROOT_FILE_LIST, Encode(listing));
     std::vector<FileInfo> items(1);
     ASSERT_EQ(0, agent->getFileList(&server, &items));
-    ASSERT_EQ(0, agent->getFileList(&server, &folder, &items));
-    ASSERT_EQ(0, agent->getParentFileList(&server, &folder, &items));
-    ASSERT_EQ(7u, items.size());
-    EXPECT_STREQ("b", items[6].objectTitle);
-    for (int32_t actionID : {ACTION_GET_CHILD_FILE_LIST, ACTION_GET_PARENT_FILE_LIST}) {
-        EXPECT_EQ("folder", readText(lastRequest(actionID), 616 + 300, 260)) << actionID;
-    }
+    ASSERT_EQ(3u, items.size());
+    EXPECT_STREQ("b", items[2].objectTitle);
     const Bytes root = lastRequest(ACTION_GET_ROOT_FILE_LIST);
     EXPECT_EQ("server", readText(root, 4, 260));
     EXPECT_EQ(Bytes(1844, 0), Bytes(root.begin() + 616, root.end())) << "the root has no folder";
 
-    GetLocalNetworkDeviceRes network;
-    strcpy(network.device.szHostName, "phone");
-    strcpy(network.device.szIPv4, "10.0.0.7");
-    strcpy(network.device.szGateway, "10.0.0.1");
-    network.device.networkCards.resize(2);
-    network.nResult = 0;
-    service->answer(ACTION_GET_LOCAL_NETWORK_DEVICE, Encode(network));
-    LocalNetworkDevice described;
-    described.networkCards.resize(1);
-    ASSERT_EQ(0, agent->getLocalNetworkInfo(&described));
-    EXPECT_STREQ("phone", described.szHostName);
-    EXPECT_STREQ("10.0.0.7", described.szIPv4);
-    EXPECT_STREQ("10.0.0.1", described.szGateway);
-    EXPECT_EQ(3u, described.networkCards.size());
+    GetLocalNetworkDeviceRes described;
+    strcpy(described.device.szHostName, "phone");
+    strcpy(described.device.szIPv4, "10.0.0.7");
+    strcpy(described.device.szGateway, "10.0.0.1");
+    described.device.networkCards.resize(2);
+    described.nResult = 0;
+    service->answer(ACTION_GET_LOCAL_NETWORK_DEVICE, Encode(described));
+    LocalNetworkDevice network;
+    network.networkCards.resize(1);
+    ASSERT_EQ(0, agent->getLocalNetworkInfo(&network));
+    EXPECT_EQ((std::vector<std::string>{"phone", "10.0.0.7", "10.0.0.1"}),
+              (std::vector<std::string>{network.szHostName, network.szIPv4, network.szGateway}));
+    EXPECT_EQ(3u, network.networkCards.size());
 
-    SearchAppRes appsFound;
-    appsFound.apps.resize(2);
-    appsFound.nResult = 0;
-    service->answer(ACTION_SEARCH_APP, Encode(appsFound));
-    std::vector<InteractionApp> apps(2);
-    ASSERT_EQ(0, agent->searchInteractionApp(&apps));
-    EXPECT_EQ(4u, apps.size());
-
+    SearchDeviceRes found(ACTION_SEARCH_DMS);
+    found.devices = {server, device("second", DLNA_DEVICE_DMS)};
+    found.nResult = 0;
+    service->answer(ACTION_SEARCH_DMS, Encode(found));
     Bytes lying = Encode(found);
     lying[0] = ACTION_SEARCH_DMR;
     lying[4] = 3;  // claims three devices; two follow
     service->answer(ACTION_SEARCH_DMR, lying);
-    devices.clear();
+    std::vector<DLNADevice> devices;
     EXPECT_EQ(1, agent->searchDMR(&devices)) << "a reply that cannot be read counts as a failure";
     EXPECT_TRUE(devices.empty());
-}
 
-TEST_F(MediaTest, CopyProgressAndDeviceChangesReachTheirCallbacks) {
-    registerAgent(true, false);
-    const DLNADevice server = device("server", DLNA_DEVICE_DMS);
     const std::vector<FileInfo> files = {item("movie")};
     service->answer(ACTION_DOWNLOAD_FILE, body(ACTION_DOWNLOAD_FILE, {55, 0}));
     int taskID = 0;
     ASSERT_EQ(0, agent->copyFileList(&server, &files, CallbackRecorder::onFile, &taskID));
     EXPECT_EQ(55, taskID);
-
     DMFileCopyRes progress;
     progress.nTaskID = 55;
     progress.ullCurrentSize = 100;

@@ -61,17 +61,9 @@ TEST_F(RegistrationTest, TheLongestNameRegistersAskingForTheEventsItHasCallbacks
     }
 }
 
-TEST_F(RegistrationTest, ARefusalStopsTheLinkAndNoServiceGives1206) {
-    service->answer(ACTION_REGISTER, body(ACTION_REGISTER, {kAppID, 5}));
-    EXPECT_EQ(5, agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr));
-    EXPECT_EQ(-1, agent->getAppID());
-    EXPECT_TRUE(service->waitForClientClose());
-
-    service.reset();
-    EXPECT_EQ(1206, agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr));
-}
-
-TEST_F(RegistrationTest, UnregisteringOrDestroyingSendsTheAppIDAndStopsTheLink) {
+// Leaving sends the app ID and stops the link, as destroying a registered agent does; a refusal
+// stops it too, and no service at all gives 1206.
+TEST_F(RegistrationTest, UnregisteringDestroyingOrARefusalStopsTheLink) {
     EXPECT_EQ(1300, agent->unregisterApp());
     registerAgent();
     EXPECT_EQ(0, agent->unregisterApp());
@@ -80,8 +72,15 @@ TEST_F(RegistrationTest, UnregisteringOrDestroyingSendsTheAppIDAndStopsTheLink) 
     EXPECT_TRUE(service->waitForClientClose());
     EXPECT_EQ(1300, agent->unregisterApp());
     registerAgent();
-    agent.reset();  // a registered agent unregisters first
+    agent = std::make_unique<TestAgent>();  // a registered agent unregisters first
     EXPECT_EQ(2u, service->received(ACTION_UNREGISTER).size());
+
+    service->answer(ACTION_REGISTER, body(ACTION_REGISTER, {kAppID, 5}));
+    EXPECT_EQ(5, agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr));
+    EXPECT_EQ(-1, agent->getAppID());
+    EXPECT_TRUE(service->waitForClientClose());
+    service.reset();
+    EXPECT_EQ(1206, agent->registerApp("tester", kCallerAppID, &user, nullptr, nullptr));
 }
 
 TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
@@ -108,25 +107,18 @@ TEST_F(RegistrationTest, AFailedUnregisterKeepsTheAgentRegistered) {
     EXPECT_TRUE(waitForAppID(-1)) << "the loss is handled once the callback returns";
 }
 
-class ReconnectionTest : public AgentTest {
-protected:
-    // Drops the connection and returns when the app callback has heard of it and the agent,
-    // which marks itself unregistered once that callback has returned, has done so.
-    Clock::time_point loseService() {
-        const Clock::time_point lost = Clock::now();
-        service->closeConnection();
-        EXPECT_TRUE(callbacks.waitFor("app", 1));
-        waitForAppID(-1, 1000);
-        return lost;
-    }
-};
+class ReconnectionTest : public AgentTest {};
 
-TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOptionAgain) {
+// A service that stops reading makes a send time out in the middle of its frame: the connection
+// can never be framed again, so it is a loss like a closed one. The agent registers again about
+// 3 s later, and about 3 s after that sends the option again and tells the app it is back.
+TEST_F(ReconnectionTest, ASendCutByAStalledServiceIsALossAfterWhichTheAgentRegistersAgain) {
     registerAgent();
     PELK::ReceiveOption option;
     strcpy(option.directory, "/tmp/incoming");
     ASSERT_EQ(0, agent->setReceiveOption(&option));
-    ASSERT_TRUE(service->push(appChange(1, otherApp(20, "peer"))));
+    const InteractionApp peer = otherApp(20, "peer");
+    ASSERT_TRUE(service->push(appChange(1, peer)));
     ASSERT_TRUE(callbacks.waitFor("app", 1));
     callbacks.clear();
     // The list is cleared before the app hears of the loss, while it is still registered.
@@ -134,7 +126,16 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     std::atomic<int> listed(-1);
     callbacks.runInside("app", [&] { listed = agent->getInteractionAppList(&listedAtLoss); });
 
-    const Clock::time_point lost = loseService();
+    service->stallReading(true);
+    const std::string chunk(65535, 'x');
+    int code = 0;
+    while ((code = agent->asynSendData(chunk.data(), static_cast<unsigned int>(chunk.size()), &peer, false, nullptr,
+                                       nullptr)) == 0) {
+    }
+    const Clock::time_point lost = Clock::now();
+    EXPECT_EQ(PELK::LinkResult::kSendFailed.value, code);
+    ASSERT_TRUE(callbacks.waitFor("app", 1));
+    service->stallReading(false);
     EXPECT_EQ(0, listed.load());
     EXPECT_TRUE(listedAtLoss.empty());
     const CallbackRecord disconnected = callbacks.of("app").at(0);
@@ -152,7 +153,6 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     EXPECT_EQ(kCallerAppID, readInt32(request, 4));
     EXPECT_EQ("tester", readText(request, 8, 260));
 
-    // The option and status 4 follow about 3 s after the registration succeeded.
     const Clock::time_point registered = Clock::now();
     ASSERT_TRUE(service->waitForRequests(ACTION_SET_RECEIVE_OPTION, 2, 6000));
     EXPECT_GT(secondsSince(registered), 2.5);
@@ -161,11 +161,14 @@ TEST_F(ReconnectionTest, ReRegistersAboutThreeSecondsAfterALossAndSendsTheOption
     EXPECT_LT(secondsSince(registered), 4.5);
     const CallbackRecord back = callbacks.of("app").at(1);
     EXPECT_EQ(4, back.status);
+    EXPECT_EQ(1u, log.count("[reconnected to server]"));
     EXPECT_EQ(kAppID, back.app.nAppID);
     EXPECT_EQ(kAppID, agent->getAppID());
     std::vector<InteractionApp> apps;
     EXPECT_EQ(0, agent->getInteractionAppList(&apps));
     EXPECT_TRUE(apps.empty()) << "the list was cleared";
+    answerResult(ACTION_SEND_DATA);
+    EXPECT_EQ(0, agent->sendData("after", 5, &peer, false, 5));
 }
 
 // The service stays away for two attempts; the app then registers by itself while the thread waits
@@ -193,56 +196,39 @@ TEST_F(ReconnectionTest, AttemptsStartSixSecondsApartUntilTheAppRegistersByItsel
     EXPECT_EQ(1u, service->received(ACTION_REGISTER).size()) << "the app's own registration alone";
 }
 
-// A service that stops reading makes a send time out in the middle of its frame: the connection
-// can never be framed again, so it is a loss like a closed one, and the agent registers again.
-TEST_F(ReconnectionTest, ASendCutByAStalledServiceIsALossAndTheAgentRegistersAgain) {
-    registerAgent();
-    service->stallReading(true);
-    const std::string chunk(65535, 'x');
-    const InteractionApp peer = otherApp(20, "peer");
-    int code = 0;
-    while ((code = agent->asynSendData(chunk.data(), static_cast<unsigned int>(chunk.size()), &peer, false, nullptr,
-                                       nullptr)) == 0) {
-    }
-    const Clock::time_point cut = Clock::now();
-    EXPECT_EQ(PELK::LinkResult::kSendFailed.value, code);
-    ASSERT_TRUE(callbacks.waitFor("app", 1));
-    EXPECT_EQ(3, callbacks.of("app")[0].status);
-    service->stallReading(false);
-    ASSERT_TRUE(callbacks.waitFor("app", 2, 15000));
-    EXPECT_EQ(4, callbacks.of("app")[1].status);
-    EXPECT_NEAR(6.0, secondsSince(cut), 1.5) << "3 s to the attempt, 3 s after it";
-    answerResult(ACTION_SEND_DATA);
-    EXPECT_EQ(0, agent->sendData("after", 5, &peer, false, 5));
-}
-
-// Neither an agent without auto-reconnect nor one destroyed while it pauses before its first
-// attempt (about 3 s after the loss) connects again.
-TEST_F(ReconnectionTest, NothingReconnectsWithAutoReconnectOffOrOnceTheAgentIsGone) {
+// Nothing connects again with auto-reconnect off, after the service answers an attempt with 1100,
+// or once the agent is destroyed while it pauses before its first attempt (about 3 s after the loss).
+TEST_F(ReconnectionTest, NothingReconnectsWithAutoReconnectOffAfterA1100OrOnceTheAgentIsGone) {
+    std::atomic<int> registrations(0);
+    service->on(ACTION_REGISTER, [&](const Bytes&) {
+        const int result = registrations++ == 2 ? 1100 : 0;  // the second agent's attempt
+        return std::vector<Bytes>{body(ACTION_REGISTER, {kAppID, result})};
+    });
+    // Returns once the app callback has heard of the loss and the agent, which marks itself
+    // unregistered once that callback has returned, has done so.
+    const auto loseService = [this] {
+        service->closeConnection();
+        EXPECT_TRUE(callbacks.waitFor("app", 1));
+        waitForAppID(-1, 1000);
+    };
     registerAgent(true, false);
     loseService();
     EXPECT_FALSE(service->waitForConnections(2, 3500)) << "auto-reconnect is off";
-    agent = std::make_unique<TestAgent>();
-    callbacks.clear();
-    registerAgent();
-    loseService();
+    const auto registerAnotherAndLose = [&] {
+        agent = std::make_unique<TestAgent>();
+        callbacks.clear();
+        registerAgent();
+        loseService();
+    };
+    registerAnotherAndLose();
+    ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 3, 6000));
+    EXPECT_FALSE(service->waitForRequests(ACTION_REGISTER, 4, 6500)) << "1100 ends the attempts";
+    EXPECT_TRUE(waitForAppID(-1));
+    registerAnotherAndLose();
     const Clock::time_point start = Clock::now();
     agent.reset();
     EXPECT_LT(secondsSince(start), 2.0);
-    EXPECT_FALSE(service->waitForConnections(3, 3500)) << "no attempt after the agent is gone";
-}
-
-TEST_F(ReconnectionTest, AServiceResultOf1100EndsTheAttempts) {
-    std::atomic<int> registrations(0);
-    service->on(ACTION_REGISTER, [&](const Bytes&) {
-        const int result = registrations++ == 0 ? 0 : 1100;
-        return std::vector<Bytes>{body(ACTION_REGISTER, {kAppID, result})};
-    });
-    ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, nullptr));
-    loseService();
-    ASSERT_TRUE(service->waitForRequests(ACTION_REGISTER, 2, 6000));
-    EXPECT_FALSE(service->waitForRequests(ACTION_REGISTER, 3, 6500));
-    EXPECT_TRUE(waitForAppID(-1));
+    EXPECT_FALSE(service->waitForConnections(5, 3500)) << "no attempt after the agent is gone";
 }
 
 class AppEventTest : public AgentTest {};
@@ -307,23 +293,9 @@ TEST_F(AppEventTest, FramesThatCannotBeTrustedAreLoggedAndDropped) {
     EXPECT_TRUE(callbacks.of("app").empty());
 }
 
-}  // namespace
-
-class CallbackReentryTest : public AgentTest {
-protected:
-    // Runs call inside the app callback of a pushed event and returns what it returned.
-    int insideCallback(const std::function<int()>& call) {
-        // Shared, so that a call that hangs past the wait cannot write into a finished frame.
-        auto result = std::make_shared<std::atomic<int>>(-12345);
-        const size_t seen = callbacks.of("app").size();
-        callbacks.runInside("app", [call, result] { *result = call(); });
-        EXPECT_TRUE(service->push(appChange(3, otherApp(20, "trigger"))));
-        EXPECT_TRUE(callbacks.waitFor("app", seen + 1, 15000)) << "the call hung the callback";
-        return result->load();
-    }
-};
-
-TEST_F(CallbackReentryTest, EveryOperationWorksFromInsideACallback) {
+// Every kind of call works from inside an app callback: one that waits for its reply, and one for
+// each list it files into or reads; and leaving and coming back, the link restarting under the callback.
+TEST_F(AgentTest, EveryKindOfCallWorksFromInsideACallback) {
     registerAgent();
     for (int32_t id = 9; id <= 53; ++id) {
         if (id != ACTION_REGISTER && id != ACTION_UNREGISTER && id != ACTION_SET_RECEIVE_OPTION) {
@@ -331,39 +303,30 @@ TEST_F(CallbackReentryTest, EveryOperationWorksFromInsideACallback) {
             service->answer(id, B().i32(id).zeros(1848).v);
         }
     }
+    const auto insideCallback = [this](const std::function<int()>& call) {
+        // Shared, so that a call that hangs past the wait cannot write into a finished frame.
+        auto result = std::make_shared<std::atomic<int>>(-12345);
+        const size_t seen = callbacks.of("app").size();
+        callbacks.runInside("app", [call, result] { *result = call(); });
+        EXPECT_TRUE(service->push(appChange(3, otherApp(20, "trigger"))));
+        EXPECT_TRUE(callbacks.waitFor("app", seen + 1, 15000)) << "the call hung the callback";
+        return result->load();
+    };
     const InteractionApp peer = otherApp(20, "peer");
     const PELK::DLNADevice device;
-    const PELK::FileInfo item;
     const std::vector<PELK::FileInfo> items(1);
-    std::vector<PELK::DLNADevice> devices;
-    std::vector<PELK::FileInfo> listing;
     std::vector<InteractionApp> apps;
-    PELK::LocalNetworkDevice network;
     PELK::ReceiveOption option;
-    PELK::FileInfo parent;
     uint32_t fileTask = 0;
     int copyTask = 0;
     const std::vector<std::function<int()>> calls = {
         [&] { return agent->sendData("d", 1, &peer, false, 1); },
         [&] { return agent->asynSendData("d", 1, &peer, false, CallbackRecorder::onData, &user); },
         [&] { return agent->sendUDPData("d", 1, &peer, true, CallbackRecorder::onData, &user); },
-        [&] { return agent->sendUDPHugeData("d", 1, &peer); },
-        [&] { return agent->broadcast("d", 1, "255.255.255.255", false); },
         [&] { return agent->sendFile("/f", &peer, CallbackRecorder::onFile, &user, &fileTask, false, 0); },
-        [&] { return agent->pauseSend(1); },
-        [&] { return agent->setReceiveOption(&option); },
-        [&] { return agent->getReceiveOption(&option); },
-        [&] { return agent->searchDMS(&devices); },
-        [&] { return agent->getFileList(&device, &listing); },
-        [&] { return agent->getParentDirectoryInfo(&item, &parent); },
         [&] { return agent->copyFileList(&device, &items, CallbackRecorder::onFile, &copyTask); },
-        [&] { return agent->playSelectedFile(0, &device, &items, &device, nullptr, nullptr, 0); },
-        [&] { return agent->pauseCurPlayingFile(&device); },
-        [&] { return agent->startDMS(); },
-        [&] { return agent->rescanNetwork(PELK::DLNA_DEVICE_ALL); },
-        [&] { return agent->getLocalNetworkInfo(&network); },
+        [&] { return agent->setReceiveOption(&option); },
         [&] { return agent->searchInteractionApp(&apps); },
-        [&] { return agent->refreshInteractionApp(true); },
         [&] { return agent->getInteractionAppList(&apps); },
     };
     for (size_t i = 0; i < calls.size(); ++i) {
@@ -384,3 +347,5 @@ TEST_F(CallbackReentryTest, EveryOperationWorksFromInsideACallback) {
     EXPECT_EQ(0, insideCallback([&] { return agent->sendData("after", 5, &peer, false, 1); }));
     EXPECT_EQ(3, service->connections());
 }
+
+}  // namespace
