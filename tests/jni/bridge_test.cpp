@@ -460,6 +460,7 @@ TEST_F(BridgeTest, EveryJavaTextReachesTheServiceAsUtf8CutOnACharacterBoundary) 
 // field's size) arrive as U+FFFD, in every string field of every record and event. (An app is
 // made for a list as for an event.)
 TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
+    const int threads = callInt("liveThreads", {});
     jobject r = recorder();
     ASSERT_NO_FATAL_FAILURE(listenToEverything(r));
     const auto describe16 = [](jobject value) { return text16(call("describe", {value})); };
@@ -527,6 +528,9 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
         }
     }
     EXPECT_TRUE(waitUntil([&] { return count(r) >= heard; }, 300000, 10)) << count(r) << " of " << heard;
+    // The process ends with the link's thread gone, not in the middle of detaching from the VM.
+    EXPECT_EQ(callInt("unRegisterApp", {}), 0);
+    EXPECT_TRUE(awaitLiveThreads(threads)) << callInt("liveThreads", {});
 }
 
 }  // namespace
