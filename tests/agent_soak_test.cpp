@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -25,7 +26,6 @@
 #include "support/AgentFixture.h"
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
-#include "support/Waits.h"
 
 // Freed memory is held back by ASan for a while; a small quarantine keeps the resident size a
 // measure of what the agent holds rather than of the sanitizer's reserve.
@@ -35,7 +35,6 @@ using namespace PELK;
 using pelktest::Clock;
 using pelktest::countEntries;
 using pelktest::secondsSince;
-using pelktest::waitUntil;
 
 namespace {
 
@@ -51,7 +50,6 @@ constexpr int kLateRestartMs = 4500;
 constexpr long kRssMarginKiB = 16 * 1024;
 // With --rate 256K, this file takes two seconds: a transfer is under way at every kill.
 constexpr size_t kFileBytes = 512 * 1024;
-constexpr char kData[] = "soak data";
 
 struct Resources {
     size_t threads, fds;
@@ -62,7 +60,7 @@ struct Resources {
 // seen until they are no higher than `target`'s (or the time is up).
 Resources settled(const Resources& target, int timeoutMs) {
     Resources low = {countEntries("/proc/self/task"), countEntries("/proc/self/fd"), 0};
-    waitUntil(
+    pelktest::waitUntil(
         [&] {
             low.threads = std::min(low.threads, countEntries("/proc/self/task"));
             low.fds = std::min(low.fds, countEntries("/proc/self/fd"));
@@ -78,11 +76,17 @@ Resources settled(const Resources& target, int timeoutMs) {
     return low;
 }
 
-// The kinds of call: getInteractionAppList, sendData, asynSendData, searchInteractionApp, sendFile.
-constexpr size_t kOpCount = 5;
+enum Op { kSendData, kAsynSendData, kSendFile, kSearchApps, kGetAppList, kOpCount };
+const char* const kOpNames[kOpCount] = {"sendData", "asynSendData", "sendFile", "searchInteractionApp",
+                                        "getInteractionAppList"};
+
+struct OpFigures {
+    std::map<int, size_t> codes;
+    Clock::time_point lastSuccess;
+};
 
 class AgentSoakTest : public ::testing::Test {
-public:
+protected:
     void SetUp() override {
         ASSERT_EQ(0, mkdir(dir.file("peer").c_str(), 0755));
         ASSERT_EQ(0, mkdir(dir.file("soak").c_str(), 0755));
@@ -122,50 +126,73 @@ public:
 
     static void onApp(const InteractionApp*, int status, void* user) {
         AgentSoakTest* self = static_cast<AgentSoakTest*>(user);
+        std::lock_guard<std::mutex> guard(self->m_mutex);
         self->m_nLost += status == Agent::APP_STATUS_DISCONNECTED;
-        self->m_nReconnected += status == Agent::APP_STATUS_RECONNECTED;
+        if (status == Agent::APP_STATUS_RECONNECTED) {
+            ++self->m_nReconnected;
+            self->m_reconnectedAt = Clock::now();
+        }
+        self->m_changed.notify_all();
     }
 
     static void onFile(file_transfer_event event, void* user) {
         AgentSoakTest* self = static_cast<AgentSoakTest*>(user);
+        std::lock_guard<std::mutex> guard(self->m_mutex);
         const bool last = event.nEventType == Emulator::FILE_EVENT_LIST_DONE ||
                           event.nEventType == Emulator::FILE_EVENT_CANCELLED ||
                           event.nEventType == Emulator::FILE_EVENT_FAILED;
         (last ? self->m_nEndedTask : self->m_nProgressedTask) = static_cast<uint32_t>(event.nId);
+        self->m_changed.notify_all();
     }
 
-    // Makes one call, bounding its time and filing its code under its name.
-    int call(const char* name, const std::function<int()>& action) {
+    // Runs one call, bounding its time and filing its code under op.
+    int call(Op op, const std::function<int()>& action) {
+        ++m_nInFlight;
         const Clock::time_point start = Clock::now();
         const int code = action();
-        EXPECT_LE(secondsSince(start), kLongestCallSeconds) << name << " returned " << code;
+        EXPECT_LE(secondsSince(start), kLongestCallSeconds) << kOpNames[op] << " returned " << code;
+        --m_nInFlight;
         std::lock_guard<std::mutex> guard(m_mutex);
-        ++m_codes[name][code];
+        ++m_figures[op].codes[code];
         if (code == 0) {
-            m_lastSuccess[name] = Clock::now();
+            m_figures[op].lastSuccess = Clock::now();
+            m_changed.notify_all();
         }
         return code;
     }
 
-    // The app list (noting the peer's record: an old one while it has not come back), data to the
-    // peer both ways, and a search, in turn.
-    void callTraffic() {
+    // The peer as the agent last heard of it; an old record while it has not come back.
+    InteractionApp currentPeer() {
+        std::vector<InteractionApp> apps;
+        call(kGetAppList, [&] { return agent.getInteractionAppList(&apps); });
+        std::lock_guard<std::mutex> guard(m_mutex);
+        for (const InteractionApp& app : apps) {
+            m_peer = std::string("peer") == app.szAppName ? app : m_peer;
+        }
+        return m_peer;
+    }
+
+    // Waits until done() holds or the traffic stops (true) or timeoutMs pass (false), under the mutex.
+    template <class Done>
+    bool await(Done done, int timeoutMs = kWaitMs) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_fStop || done(); });
+    }
+    bool pause(int ms) {
+        return await([] { return false; }, ms);
+    }
+
+    void dataTraffic() {
+        const std::string text = "soak data";
+        const unsigned int length = static_cast<unsigned int>(text.size());
         const DataTransferCallback onStatus = [](data_transfer_event, void* user) {
             ++static_cast<AgentSoakTest*>(user)->m_nSendStatus;
         };
-        std::vector<InteractionApp> apps;
-        for (; !m_fStop; pelktest::sleepMs(20)) {
-            call("getInteractionAppList", [&] { return agent.getInteractionAppList(&apps); });
-            std::unique_lock<std::mutex> lock(m_mutex);
-            for (const InteractionApp& app : apps) {
-                m_peer = std::string("peer") == app.szAppName ? app : m_peer;
-            }
-            const InteractionApp target = m_peer;
-            lock.unlock();
-            call("sendData", [&] { return agent.sendData(kData, sizeof(kData) - 1, &target, false, 10); });
-            call("asynSendData",
-                 [&] { return agent.asynSendData(kData, sizeof(kData) - 1, &target, false, onStatus, this); });
-            call("searchInteractionApp", [&] { return agent.searchInteractionApp(&apps); });
+        while (!pause(20)) {
+            const InteractionApp target = currentPeer();
+            call(kSendData, [&] { return agent.sendData(text.data(), length, &target, false, 10); });
+            call(kAsynSendData,
+                 [&] { return agent.asynSendData(text.data(), length, &target, false, onStatus, this); });
         }
     }
 
@@ -175,28 +202,48 @@ public:
     // events, so each one is deleted (once the agent is registered: not 1100) before the next send.
     void fileTraffic() {
         uint32_t task = 0;
-        for (; !m_fStop; pelktest::sleepMs(20)) {
+        while (!pause(20)) {
             if (task != 0 && agent.deleteSendFileCallback(task) == 1100) {
                 continue;
             }
+            const InteractionApp target = currentPeer();
             std::unique_lock<std::mutex> lock(m_mutex);
-            const InteractionApp target = m_peer;
-            lock.unlock();
             const int lost = m_nLost;
             m_nEndedTask = m_nProgressedTask = 0;
+            lock.unlock();
             const auto send = [&] { return agent.sendFile(file.c_str(), &target, onFile, this, &task, false, 0); };
-            if (call("sendFile", send) != 0) {
+            if (call(kSendFile, send) != 0) {
                 task = 0;
                 continue;
             }
+            lock.lock();
             m_nCurrentTask = task;
-            waitUntil([&] { return m_fStop || m_nLost != lost || m_nEndedTask == task; }, kWaitMs, 5);
+            m_changed.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                               [&] { return m_fStop || m_nLost != lost || m_nEndedTask == task; });
             m_nCurrentTask = 0;
         }
     }
 
+    void startTraffic() {
+        m_threads.emplace_back(&AgentSoakTest::dataTraffic, this);
+        m_threads.emplace_back(&AgentSoakTest::fileTraffic, this);
+        for (int i = 0; i < 2; ++i) {
+            m_threads.emplace_back([this] {
+                while (!pause(30)) {
+                    std::vector<InteractionApp> apps;
+                    call(kGetAppList, [&] { return agent.getInteractionAppList(&apps); });
+                    call(kSearchApps, [&] { return agent.searchInteractionApp(&apps); });
+                }
+            });
+        }
+    }
+
     void stopTraffic() {
-        m_fStop = true;
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_fStop = true;
+            m_changed.notify_all();
+        }
         for (std::thread& thread : m_threads) {
             thread.join();
         }
@@ -205,55 +252,19 @@ public:
 
     // Every kind of call has succeeded since `since`.
     bool trafficResumedSince(Clock::time_point since) {
-        const auto resumed = [&] {
-            std::lock_guard<std::mutex> guard(m_mutex);
-            const auto after = [&](const auto& op) { return op.second > since; };
-            return m_lastSuccess.size() == kOpCount && std::all_of(m_lastSuccess.begin(), m_lastSuccess.end(), after);
-        };
-        return waitUntil(resumed, kWaitMs, 5);
+        return await([&] {
+            return std::all_of(std::begin(m_figures), std::end(m_figures),
+                               [&](const OpFigures& figures) { return figures.lastSuccess > since; });
+        });
     }
 
-    pelktest::TempDir dir;
-    std::string file;
-    std::unique_ptr<pelktest::ChildProcess> service;
-    std::unique_ptr<pelktest::ChildProcess> peer;
-
-    std::atomic<bool> m_fStop{false};
-    std::atomic<int> m_nLost{0}, m_nReconnected{0};
-    // The file send under way, and the last tasks that progressed and ended.
-    std::atomic<uint32_t> m_nCurrentTask{0}, m_nProgressedTask{0}, m_nEndedTask{0};
-    std::mutex m_mutex;  // guards the peer's record and the figures
-    InteractionApp m_peer;
-    // By kind of call: the codes it gave, and when it last succeeded.
-    std::map<std::string, std::map<int, size_t>> m_codes;
-    std::map<std::string, Clock::time_point> m_lastSuccess;
-    std::atomic<size_t> m_nSendStatus{0};
-    std::vector<std::thread> m_threads;
-    // Last, so that it goes first: its threads call back into the members above.
-    pelktest::TestAgent agent;
-};
-
-TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGrowth) {
-    const char* text = getenv("PELK_SOAK_CYCLES");
-    const int cycles = text != nullptr && atoi(text) > 0 ? atoi(text) : 100;
-    // The sanitizers' caches take a couple of dozen cycles to level off; the plain build's, two.
-    const int warmUp = std::max(1, cycles / 4);  // the cycle that starts with the resources counted
-    for (auto traffic : {&AgentSoakTest::fileTraffic, &AgentSoakTest::callTraffic, &AgentSoakTest::callTraffic}) {
-        m_threads.emplace_back(traffic, this);
-    }
-    Resources before = {0, 0, 0};
-    std::vector<double> times;
-    Clock::time_point back = Clock::now() - std::chrono::hours(1);
-    for (int cycle = 1; cycle <= cycles && !HasFatalFailure(); ++cycle) {
-        ASSERT_TRUE(trafficResumedSince(back)) << "cycle " << cycle << ": not every kind of call succeeded again";
-        if (cycle == warmUp) {
-            before = settled(before, 1000);
-        }
-        ASSERT_TRUE(waitUntil([&] { return m_nCurrentTask != 0 && m_nProgressedTask == m_nCurrentTask; }, kWaitMs, 5))
-            << "cycle " << cycle << ": no file send under way";
-        // Kills land at different points of the traffic and of the transfer.
-        std::this_thread::sleep_for(std::chrono::milliseconds(500 + cycle * 379 % 1000));
+    // Kills the service with traffic under way and starts it again; the seconds from the kill
+    // until the agent reported itself registered again.
+    double killAndRestart(int cycle) {
+        std::unique_lock<std::mutex> lock(m_mutex);
         const int lost = m_nLost, reconnected = m_nReconnected;
+        lock.unlock();
+        m_nCallsAtKills += m_nInFlight.load();
         const Clock::time_point killed = Clock::now();
         service->signal(SIGKILL);
         EXPECT_EQ(128 + SIGKILL, service->wait(kWaitMs));
@@ -263,29 +274,77 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
             }
             closedir(received);
         }
-        EXPECT_TRUE(waitUntil([&] { return m_nLost > lost; }, kWaitMs, 5)) << "cycle " << cycle << ": no status 3";
+        EXPECT_TRUE(await([&] { return m_nLost > lost; })) << "cycle " << cycle << ": no status 3";
         if (cycle % kLateRestartEvery == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kLateRestartMs));
         }
         startService();
-        EXPECT_TRUE(waitUntil([&] { return m_nReconnected > reconnected; }, kWaitMs, 5))
-            << "cycle " << cycle << ": no status 4";
-        times.push_back(secondsSince(killed));
-        back = Clock::now();
+        EXPECT_TRUE(await([&] { return m_nReconnected > reconnected; })) << "cycle " << cycle << ": no status 4";
+        return secondsSince(killed);
+    }
+
+    pelktest::TempDir dir;
+    std::string file;
+    std::unique_ptr<pelktest::ChildProcess> service;
+    std::unique_ptr<pelktest::ChildProcess> peer;
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_fStop = false;
+    int m_nLost = 0;
+    int m_nReconnected = 0;
+    Clock::time_point m_reconnectedAt;
+    InteractionApp m_peer;
+    // The file send under way, and the last tasks that progressed and ended.
+    uint32_t m_nCurrentTask = 0, m_nProgressedTask = 0, m_nEndedTask = 0;
+    OpFigures m_figures[kOpCount];
+    std::atomic<size_t> m_nSendStatus{0};
+    std::atomic<size_t> m_nInFlight{0};
+    size_t m_nCallsAtKills = 0;
+    std::vector<std::thread> m_threads;
+    // Last, so that it goes first: its threads call back into the members above.
+    pelktest::TestAgent agent;
+};
+
+TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGrowth) {
+    const char* text = getenv("PELK_SOAK_CYCLES");
+    const int cycles = text != nullptr && atoi(text) > 0 ? atoi(text) : 100;
+    // The sanitizers' caches take a couple of dozen cycles to level off; the plain build's, two.
+    const int warmUp = std::max(1, cycles / 4);
+    startTraffic();
+    Resources before = {0, 0, 0};
+    std::vector<double> times;
+    Clock::time_point back = Clock::now() - std::chrono::hours(1);
+    for (int cycle = 1; cycle <= cycles && !HasFatalFailure(); ++cycle) {
+        ASSERT_TRUE(trafficResumedSince(back)) << "cycle " << cycle << ": not every kind of call succeeded again";
+        if (cycle == warmUp + 1) {
+            before = settled(before, 1000);
+        }
+        ASSERT_TRUE(await([&] { return m_nCurrentTask != 0 && m_nProgressedTask == m_nCurrentTask; }))
+            << "cycle " << cycle << ": no file send under way";
+        // Kills land at different points of the traffic and of the transfer.
+        std::this_thread::sleep_for(std::chrono::milliseconds(500 + cycle * 379 % 1000));
+        times.push_back(killAndRestart(cycle));
+        std::lock_guard<std::mutex> guard(m_mutex);
+        back = m_reconnectedAt;
     }
     ASSERT_TRUE(trafficResumedSince(back)) << "after the last cycle";
+    if (cycles <= warmUp) {
+        before = settled(before, 1000);
+    }
     const Resources after = settled(before, 10000);
     stopTraffic();
 
     std::sort(times.begin(), times.end());
-    printf("soak: %d cycles, %zu send status events; registered again after %.2f..%.2f s (median %.2f s)\n", cycles,
-           m_nSendStatus.load(), times.front(), times.back(), times[times.size() / 2]);
-    for (const auto& op : m_codes) {
-        std::string codes;
-        for (const auto& code : op.second) {
-            codes += " " + std::to_string(code.first) + ":" + std::to_string(code.second);
+    printf("soak: %d cycles, %zu calls in flight at the kills, %zu send status events; registered again after "
+           "%.2f..%.2f s (median %.2f s)\n",
+           cycles, m_nCallsAtKills, m_nSendStatus.load(), times.front(), times.back(), times[times.size() / 2]);
+    for (int op = 0; op < kOpCount; ++op) {
+        printf("soak: %-21s codes", kOpNames[op]);
+        for (const auto& code : m_figures[op].codes) {
+            printf(" %d:%zu", code.first, code.second);
         }
-        printf("soak: %-21s codes%s\n", op.first.c_str(), codes.c_str());
+        printf("\n");
     }
     printf("soak: threads %zu -> %zu, fds %zu -> %zu, RSS %ld -> %ld KiB (margin %ld KiB)\n", before.threads,
            after.threads, before.fds, after.fds, before.rssKiB, after.rssKiB, kRssMarginKiB);
