@@ -25,7 +25,9 @@ template <class Done>
 bool waitUntil(Done done, int timeoutMs, int pollMs = 2) {
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!done()) {
-        if (Clock::now() > deadline) return false;
+        if (Clock::now() > deadline) {
+            return false;
+        }
         sleepMs(pollMs);
     }
     return true;
