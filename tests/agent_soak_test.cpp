@@ -1,6 +1,6 @@
 // The agent against a service that dies and comes back, over and over: pelk-emulator is killed
-// outright (SIGKILL) while this process's agent sends data synchronously and asynchronously to
-// "peer" (a pelk listen process), sends a file to it, and queries the app list from two threads.
+// outright (SIGKILL) while this process's agent sends a file to "peer" (a pelk listen process)
+// and, from two threads, lists and searches apps and sends data to it, synchronously and not.
 // After every restart the agent must register again by itself and every kind of call must work
 // again, no call may outlast its time-out, and at the end no thread, descriptor or memory may
 // have piled up.
@@ -10,7 +10,6 @@
 #include <malloc.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -69,19 +68,8 @@ struct Resources {
     size_t threads, fds, heapBytes;
 };
 
-// Threads and descriptors of a finished link run go a little after the run: the lowest counts
-// seen until they are no higher than `target`'s (or the time is up).
-Resources settled(const Resources& target, int timeoutMs) {
-    Resources low = {countEntries("/proc/self/task"), countEntries("/proc/self/fd"), 0};
-    waitUntil(
-        [&] {
-            low.threads = std::min(low.threads, countEntries("/proc/self/task"));
-            low.fds = std::min(low.fds, countEntries("/proc/self/fd"));
-            return low.threads <= target.threads && low.fds <= target.fds;
-        },
-        timeoutMs, 50);
-    low.heapBytes = heapBytes();
-    return low;
+Resources held() {
+    return {countEntries("/proc/self/task"), countEntries("/proc/self/fd"), heapBytes()};
 }
 
 class AgentSoakTest : public ::testing::Test {
@@ -170,16 +158,6 @@ public:
         }
     }
 
-    // Every kind of call that runs all along has succeeded since the last restart.
-    bool trafficResumed() {
-        return waitUntil(
-            [&] {
-                std::lock_guard<std::mutex> guard(m_mutex);
-                return m_succeeded.size() == kOpCount;
-            },
-            kWaitMs, 5);
-    }
-
     pelktest::TempDir dir;
     std::string file;
     std::unique_ptr<pelktest::ChildProcess> service;
@@ -202,11 +180,15 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
     for (int i = 0; i < 2; ++i) {
         m_threads.emplace_back(&AgentSoakTest::callTraffic, this);
     }
+    const auto resumed = [&] {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_succeeded.size() == kOpCount;
+    };
     Resources before = {0, 0, 0};
     uint32_t task = 0;
     // Each cycle checks that the agent works, then kills the service; the last only checks.
     for (int cycle = 1; !HasFatalFailure(); ++cycle) {
-        ASSERT_TRUE(trafficResumed()) << "cycle " << cycle << ": not every kind of call succeeded again";
+        ASSERT_TRUE(waitUntil(resumed, kWaitMs, 5)) << "cycle " << cycle << ": not every kind of call succeeded again";
         // A file send to the peer, under way at the kill. The agent keeps a send's callback entry,
         // a refused send's too, until the app deletes it, and a restarted service numbers its
         // tasks from 1 again: an entry left behind would take a new task's events.
@@ -223,7 +205,7 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
         ASSERT_TRUE(waitUntil([&] { return m_nProgressedTask == task; }, kWaitMs, 5))
             << "cycle " << cycle << ": no file send under way";
         if (cycle == 1) {
-            before = settled(before, 1000);
+            before = held();
         }
         if (cycle > cycles) {
             break;
@@ -249,7 +231,14 @@ TEST_F(AgentSoakTest, RegistersAgainAfterEveryRestartAndTrafficResumesWithoutGro
         std::lock_guard<std::mutex> guard(m_mutex);
         m_succeeded.clear();
     }
-    const Resources after = settled(before, 10000);
+    // A finished link run's threads and descriptors go a little after it.
+    Resources after = {};
+    waitUntil(
+        [&] {
+            after = held();
+            return after.threads <= before.threads && after.fds <= before.fds;
+        },
+        10000, 50);
     printf("soak: %d cycles; threads %zu -> %zu, descriptors %zu -> %zu, heap %zu -> %zu KiB\n", cycles,
            before.threads, after.threads, before.fds, after.fds, before.heapBytes / 1024, after.heapBytes / 1024);
     EXPECT_LE(after.threads, before.threads);
