@@ -44,7 +44,8 @@ constexpr double kLongestCallSeconds = 40 + 2;
 constexpr int kLateRestartEvery = 5;
 constexpr int kLateRestartMs = 4500;
 // What the heap may grow by after the first cycle: requests, replies and events in flight when it
-// is counted. A buffer lost per call or per reconnection adds up to more within ten cycles.
+// is counted. A link's 64 KiB read buffer lost per reconnection, or a request lost per call, adds
+// far more within ten cycles.
 constexpr size_t kHeapMarginBytes = 64 * 1024;
 // With --rate 256K, this file takes two seconds: a transfer is under way at every kill.
 constexpr size_t kFileBytes = 512 * 1024;
@@ -53,9 +54,9 @@ constexpr char kData[] = "soak data";
 // searchInteractionApp.
 constexpr size_t kOpCount = 4;
 
-// The bytes the program holds on the heap. The resident size would count the sanitizers' own
-// memory too (shadow, ThreadSanitizer's histories of every thread that ran), which goes on
-// growing with the pace of the traffic for longer than a short run lasts; a leak is heap.
+// The bytes the program holds on the heap. The resident size counts the sanitizers' own memory
+// too (shadow and bookkeeping), which under ThreadSanitizer grows by megabytes over ten cycles
+// while the heap stays level; a leak is heap, and this counts nothing else.
 size_t heapBytes() {
     if (__sanitizer_get_current_allocated_bytes != nullptr) {
         return __sanitizer_get_current_allocated_bytes();
