@@ -24,17 +24,15 @@ public final class Probe {
      * name of the probe or the stress run (primitives boxed).
      */
     public static Object call(String name, Object[] args) throws Throwable {
-        List<Method> methods = new ArrayList<>(Arrays.asList(PELKAgentNativeLib.class.getDeclaredMethods()));
-        methods.removeIf(method -> !Modifier.isNative(method.getModifiers()));
-        methods.addAll(Arrays.asList(Probe.class.getDeclaredMethods()));
-        methods.addAll(Arrays.asList(Stress.class.getDeclaredMethods()));
-        for (Method method : methods) {
-            if (method.getName().equals(name) && Modifier.isPublic(method.getModifiers())
-                && Modifier.isStatic(method.getModifiers())) {
-                try {
-                    return method.invoke(null, args);
-                } catch (InvocationTargetException e) {
-                    throw e.getCause();
+        for (Class<?> owner : Arrays.asList(PELKAgentNativeLib.class, Probe.class, Stress.class)) {
+            for (Method method : owner.getDeclaredMethods()) {
+                int modifiers = method.getModifiers();
+                if (method.getName().equals(name) && Modifier.isPublic(modifiers) && Modifier.isStatic(modifiers)) {
+                    try {
+                        return method.invoke(null, args);
+                    } catch (InvocationTargetException e) {
+                        throw e.getCause();
+                    }
                 }
             }
         }
