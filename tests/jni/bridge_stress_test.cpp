@@ -129,10 +129,8 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
     service.keepBodies(false);
     for (int32_t action = 1; action <= 53; ++action) {  // every request (the event IDs never come)
         service.on(action, [action](const Bytes&) {
-            std::vector<Bytes> replies;
-            if (action != 53) {  // an asynchronous send is answered by its status event alone
-                replies.push_back(answerTo(action));
-            }
+            // An asynchronous send is answered by its status event alone.
+            std::vector<Bytes> replies(action != 53 ? 1 : 0, answerTo(action));
             for (const Flow& flow : kFlows) {
                 if (flow.request == action) {
                     replies.push_back(flow.event);

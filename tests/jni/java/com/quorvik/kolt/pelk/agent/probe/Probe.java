@@ -3,6 +3,7 @@ package com.quorvik.kolt.pelk.agent.probe;
 import com.quorvik.kolt.pelk.agent.*;
 import java.lang.management.ManagementFactory;
 import java.lang.reflect.*;
+import java.nio.charset.StandardCharsets;
 import java.util.*;
 import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.TimeUnit;
@@ -104,18 +105,14 @@ public final class Probe {
             return text.toString();
         }
         if (value instanceof byte[]) {
-            StringBuilder text = new StringBuilder("\"");
-            for (byte b : (byte[]) value) {
-                text.append(b >= 0x20 && b < 0x7f ? String.valueOf((char) b) : String.format("\\x%02x", b & 0xff));
-            }
-            return text.append("\"").toString();
+            return "\"" + new String((byte[]) value, StandardCharsets.ISO_8859_1) + "\"";  // a char for each byte
         }
-        String kind = KINDS.get(value.getClass());
-        if (kind == null) {
+        int kind = RECORDS.indexOf(value.getClass());
+        if (kind < 0) {
             return String.valueOf(value);
         }
         // The record's texts and numbers in the order its class declares them.
-        StringJoiner text = new StringJoiner(",", kind + "{", "}");
+        StringJoiner text = new StringJoiner(",", KINDS[kind] + "{", "}");
         for (Field field : value.getClass().getDeclaredFields()) {
             if (field.getType().isPrimitive() || field.getType() == String.class) {
                 field.setAccessible(true);
@@ -125,16 +122,10 @@ public final class Probe {
         return text.toString();
     }
 
-    private static final Map<Class<?>, String> KINDS = new HashMap<>();
-
-    static {
-        KINDS.put(PELKAgentNativeLib.InteractionApp.class, "app");
-        KINDS.put(DLNADevice.class, "device");
-        KINDS.put(FileInfo.class, "file");
-        KINDS.put(ReceiveOption.class, "option");
-        KINDS.put(PELKAgentNativeLib.DataTransferEvent.class, "data");
-        KINDS.put(PELKAgentNativeLib.FileTransferEvent.class, "fileEvent");
-    }
+    private static final List<Class<?>> RECORDS = Arrays.asList(PELKAgentNativeLib.InteractionApp.class,
+        DLNADevice.class, FileInfo.class, ReceiveOption.class, PELKAgentNativeLib.DataTransferEvent.class,
+        PELKAgentNativeLib.FileTransferEvent.class);
+    private static final String[] KINDS = {"app", "device", "file", "option", "data", "fileEvent"};
 
     private static final Pattern GLOBAL_REFS = Pattern.compile("JNI global refs: (\\d+)");
 
