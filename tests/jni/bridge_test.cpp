@@ -276,8 +276,6 @@ TEST_F(BridgeTest, MediaCallsAndNullArgumentsGiveTheirCodesAndRequestsAndControl
     jobject items = files({file("1", "a")});
     jobject noUUID = make(kDeviceClass, kDeviceSignature, str("TV"), 1, nullptr, str("10.0.0.6"), JNI_FALSE);
     jobject peer = str("10.0.0.2");
-    std::vector<jobject> toNobody = fileSend(recorder());
-    toNobody[1] = nullptr;
     const std::string movies = "[file{udn1,parent1,id1,title1,type1,http://h/1}]";
     for (int32_t action : {27, 28, 29, 30, 31, 33, 35, 36, 37, 38, 42, 43}) {
         service.answer(action, body(action, {0}));
@@ -317,7 +315,7 @@ TEST_F(BridgeTest, MediaCallsAndNullArgumentsGiveTheirCodesAndRequestsAndControl
         {"sendData", {nullptr, integer(5), peer, integer(12), boolean(false), integer(3)}, "1402", -18},
         {"sendData", {bytes("x"), integer(1), nullptr, integer(12), boolean(false), integer(3)}, "-1", -18},
         {"sendFile", {nullptr, peer, recorder(), integer(12), boolean(false), integer(0)}, "0", -13},
-        {"sendFile", toNobody, "0", -13},
+        {"sendFile", {str("/data/a.txt"), nullptr, recorder(), integer(12), boolean(false), integer(0)}, "0", -13},
         {"sendFileList", {nullptr, peer, recorder(), integer(12), boolean(false), integer(0)}, "-1803", -51},
         {"setReceiveOption", {nullptr, recorder()}, "-1", -15},
         {"setReceiveOptionX", {nullptr, recorder()}, "1001", -15},
@@ -458,12 +456,12 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     const std::u16string itemJava = u"file{" + j(100) + u"," + j(100) + u"," + j(100) + u"," + j(260) + u"," +
                                     j(260) + u"," + j(1024) + u"}";
 
-    service.push(appEvent(1, app));
-    service.push(deviceEvent(2, dev));
-    service.push(dataEvent(5, app, "x"));
-    service.push(fileEvent(19, 8, b(260), sendTag(12), app));
-    service.push(fileEvent(14, 42, b(260), app, sendTag(12)));
-    service.push(fileEvent(41, 77, b(260), sendTag(0), dev));
+    const Bytes events[] = {appEvent(1, app), deviceEvent(2, dev), dataEvent(5, app, "x"),
+                            fileEvent(19, 8, b(260), sendTag(12), app), fileEvent(14, 42, b(260), app, sendTag(12)),
+                            fileEvent(41, 77, b(260), sendTag(0), dev)};
+    for (const Bytes& event : events) {
+        service.push(event);
+    }
     const auto fileHeard = [&](const std::u16string& method, const std::u16string& task, const char16_t* tail) {
         return method + u" " + fileEventHead + task + u",1,3,2," + j(260) + u"," + j(16) + u"," + tail;
     };
@@ -494,11 +492,6 @@ TEST_F(BridgeTest, EveryServiceTextReachesJavaAsAValidString) {
     if (HasFailure()) {
         return;
     }
-    const Bytes peer = appRecord("peer", 12, 2, "10.0.0.2", "", false);
-    const Bytes nas = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
-    const Bytes events[] = {appEvent(1, peer), deviceEvent(1, nas), dataEvent(5, peer, "data"),
-                            fileEvent(19, 8, "in", sendTag(12), peer), fileEvent(14, 42, "out", peer, sendTag(12)),
-                            fileEvent(41, 77, "copy", sendTag(0), nas)};
     const int heard = count(r) + 10000 * static_cast<int>(std::size(events));
     for (int i = 0; i < 10000; ++i) {
         for (const Bytes& event : events) {
