@@ -382,8 +382,7 @@ TEST_F(BridgeTest, DroppedEventsAndUnloadLeaveNoReferenceAndTheCallbackThreadSta
     const int refs = callInt("globalRefs", {});
     void* library = dlopen(PELK_AGENT_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(library, nullptr) << "the VM loaded the library";
-    using Unload = void (*)(JavaVM*, void*);
-    const Unload unload = reinterpret_cast<Unload>(dlsym(library, "JNI_OnUnload"));
+    const auto unload = reinterpret_cast<void (*)(JavaVM*, void*)>(dlsym(library, "JNI_OnUnload"));
     ASSERT_NE(unload, nullptr);
     unload(Vm::get().vm, nullptr);
     dlclose(library);

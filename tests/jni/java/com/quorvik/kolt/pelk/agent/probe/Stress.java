@@ -4,10 +4,8 @@ import static com.quorvik.kolt.pelk.agent.PELKAgentNativeLib.*;
 
 import com.quorvik.kolt.pelk.agent.*;
 import java.util.*;
-import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.ThreadLocalRandom;
-import java.util.concurrent.atomic.AtomicInteger;
-import java.util.concurrent.atomic.LongAdder;
+import java.util.concurrent.*;
+import java.util.concurrent.atomic.*;
 import java.util.function.Function;
 
 /**
