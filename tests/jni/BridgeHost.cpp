@@ -197,9 +197,7 @@ int callInt(const char* method, const std::vector<jobject>& args) {
 
 std::string describe(jobject value) { return text(call("describe", {value})); }
 
-bool awaitLiveThreads(int n) { return waitUntil([&] { return callInt("liveThreads", {}) == n; }, kWaitMs, 10); }
-
-bool awaitGlobalRefs(int n) { return waitUntil([&] { return callInt("globalRefs", {}) == n; }, kWaitMs, 10); }
+bool awaitCount(const char* probe, int n) { return waitUntil([&] { return callInt(probe, {}) == n; }, kWaitMs, 10); }
 
 const std::string kNative = "Java_com_quorvik_kolt_pelk_agent_PELKAgentNativeLib_";
 
@@ -209,11 +207,6 @@ Bytes appRecord(const std::string& name, int id, int type, const std::string& ip
 
 Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local) {
     return B().str(name, 260).i32(type).str(uuid, 100).str(ip, 16).u8(local).zeros(231);
-}
-
-Bytes fileRecord(const std::string& id, const std::string& title) {
-    return B().str("uuid:srv", 100).str("0", 100).str(id, 100).str(title, 260).str("video", 260).str(
-        "http://10.0.0.5/" + id, 1024);
 }
 
 Bytes listReply(int32_t action, const Bytes& record) { return B().i32(action).i32(1).add(record).i32(0); }

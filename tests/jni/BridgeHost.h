@@ -59,11 +59,9 @@ std::string describe(jobject value);
 
 // What a wait allows: it costs only when it fails, and the machine may be loaded.
 constexpr int kWaitMs = 20000;
-// Waits until the VM knows this many threads (an attached thread is detached as it ends).
-bool awaitLiveThreads(int n);
-// Waits until the VM's global references come back to this count: a reference the agent's threads
-// dropped a moment ago may still be counted, and a leak never comes back.
-bool awaitGlobalRefs(int n);
+// Waits until the probe's count ("liveThreads" or "globalRefs") is n: an attached thread is
+// detached as it ends, a reference dropped a moment ago may still be counted; a leak never goes.
+bool awaitCount(const char* probe, int n);
 
 extern const std::string kNative;  // the prefix of the native methods' JNI names
 
@@ -71,7 +69,6 @@ constexpr int kAppID = 7;  // what the fake service assigns at registration
 
 Bytes appRecord(const std::string& name, int id, int type, const std::string& ip, const std::string& mac, bool local);
 Bytes deviceRecord(const std::string& name, int type, const std::string& uuid, const std::string& ip, bool local);
-Bytes fileRecord(const std::string& id, const std::string& title);
 // The answer to a search or browse that found this one record.
 Bytes listReply(int32_t action, const Bytes& record);
 // The tag that a send carries and its status events bring back: the two apps' low bytes.

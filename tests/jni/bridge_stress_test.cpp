@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <iostream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -26,11 +25,9 @@ using namespace PELK;
 
 namespace {
 
-constexpr int kThreads = 16;
-
 const Bytes kPeer = appRecord("peer", 12, 2, "10.0.0.2", "aa:bb:cc:dd:ee:ff", false);
 const Bytes kServer = deviceRecord("NAS", 0, "uuid:nas", "10.0.0.5", false);
-const Bytes kItem = fileRecord("1", "a");
+const Bytes kItem = B().file(1);
 
 // The service's answer to each request the app makes: a file send, a file list send, a download
 // and an upload start the tasks 101 to 104.
@@ -107,47 +104,14 @@ const struct Documented {
       "getParentFileList"}, {}, {"array", "null"}, 1},
 };
 
-// Every result that a method may give, as the Java side writes it: "<method> <result>".
-std::set<std::string> documentedResults() {
-    std::set<std::string> results;
-    for (const Documented& row : kDocumented) {
-        std::vector<std::string> texts = row.more;
-        for (const ResultFamily& family : row.families) {
-            for (size_t i = 0; i < family.count; ++i) {
-                texts.push_back(std::to_string(row.sign * family.codes[i].value));
-            }
-        }
-        for (const std::string& method : row.methods) {
-            for (const std::string& text : texts) {
-                results.insert(method + " " + text);
-            }
-        }
-    }
-    return results;
-}
-
-// The run's report, one "<kind> <what> <count>" a line, by kind and what.
-std::map<std::string, std::map<std::string, long>> parse(const std::string& text) {
-    std::map<std::string, std::map<std::string, long>> report;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        const size_t what = line.find(' ') + 1;
-        const size_t count = line.rfind(' ') + 1;
-        report[line.substr(0, what - 1)][line.substr(what, count - what - 1)] += std::stol(line.substr(count));
-    }
-    return report;
-}
-
 TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEveryKindFlow) {
     FakeService service;
     ASSERT_TRUE(service.listening());
     service.keepBodies(false);
     for (int32_t action = 1; action <= 53; ++action) {  // every request (the event IDs never come)
         service.on(action, [action](const Bytes&) {
-            std::vector<Bytes> replies;
-            if (action != 53) {  // an asynchronous send is answered by its status event alone
-                replies.push_back(answerTo(action));
-            }
+            // An asynchronous send is answered by its status event alone.
+            std::vector<Bytes> replies(action != 53 ? 1 : 0, answerTo(action));
             for (const Flow& flow : kFlows) {
                 if (flow.request == action) {
                     replies.push_back(flow.event);
@@ -164,12 +128,31 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
     // A deadlock would hold the run, and the exit after it, for good: a run that has not ended
     // two minutes after its time ends the process (SIGALRM).
     alarm(static_cast<unsigned>(seconds + 120));
-    const std::string lines = text(call("run", {integer(kThreads), integer(seconds)}));
+    std::istringstream lines(text(call("run", {integer(16), integer(seconds)})));
     alarm(0);
     ASSERT_FALSE(HasFailure()) << "the run threw (described above)";
-    auto report = parse(lines);
+    std::map<std::string, std::map<std::string, long>> report;  // of lines "<kind> <what> <count>"
+    for (std::string line; std::getline(lines, line);) {
+        const size_t what = line.find(' ') + 1;
+        const size_t count = line.rfind(' ') + 1;
+        report[line.substr(0, what - 1)][line.substr(what, count - what - 1)] = std::stol(line.substr(count));
+    }
 
-    const std::set<std::string> documented = documentedResults();
+    // Every result that a method may give, as the Java side writes it: "<method> <result>".
+    std::set<std::string> documented;
+    for (const Documented& row : kDocumented) {
+        std::vector<std::string> texts = row.more;
+        for (const ResultFamily& family : row.families) {
+            for (size_t i = 0; i < family.count; ++i) {
+                texts.push_back(std::to_string(row.sign * family.codes[i].value));
+            }
+        }
+        for (const std::string& method : row.methods) {
+            for (const std::string& text : texts) {
+                documented.insert(method + " " + text);
+            }
+        }
+    }
     std::set<std::string> called;
     for (const auto& outcome : report["call"]) {
         EXPECT_EQ(documented.count(outcome.first), 1u) << "undocumented: " << outcome.first << ", " << outcome.second
@@ -179,7 +162,6 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
     EXPECT_EQ(called.size(), 41u) << "every native method called";
     EXPECT_EQ(report["last"], (std::map<std::string, long>{{"registerApp 0", 1}, {"unRegisterApp 0", 1}}))
         << "once the threads are done, the agent registers and unregisters";
-    std::cout << report["call"]["registerApp 0"] << " registrations\n";
     for (const Flow& flow : kFlows) {
         EXPECT_GT(report["event"][flow.heard], 0) << "never heard: " << flow.heard;
         report["event"].erase(flow.heard);
@@ -195,9 +177,10 @@ TEST(BridgeStressTest, SixteenJavaThreadsCallEveryNativeMethodWhileEventsOfEvery
     // then may be on its way out: both are given a while to come back.
     auto& refs = report["refs"];
     EXPECT_EQ(refs["held"] - refs["start"], 14) << "seven listeners, each as its class and itself";
-    EXPECT_TRUE(awaitGlobalRefs(static_cast<int>(refs["held"]))) << callInt("globalRefs", {}) << " against "
-                                                                << refs["held"];
-    EXPECT_TRUE(awaitLiveThreads(static_cast<int>(report["threads"]["start"]))) << callInt("liveThreads", {});
+    EXPECT_TRUE(awaitCount("globalRefs", static_cast<int>(refs["held"])))
+        << callInt("globalRefs", {}) << " against " << refs["held"];
+    EXPECT_TRUE(awaitCount("liveThreads", static_cast<int>(report["threads"]["start"])))
+        << callInt("liveThreads", {});
     EXPECT_EQ(vmOutput(), "") << "the VM reported the lines above";
 }
 

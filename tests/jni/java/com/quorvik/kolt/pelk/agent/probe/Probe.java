@@ -3,13 +3,12 @@ package com.quorvik.kolt.pelk.agent.probe;
 import com.quorvik.kolt.pelk.agent.*;
 import java.lang.management.ManagementFactory;
 import java.lang.reflect.*;
+import java.nio.charset.StandardCharsets;
 import java.util.*;
-import java.util.concurrent.LinkedBlockingQueue;
-import java.util.concurrent.TimeUnit;
+import java.util.concurrent.*;
 import java.util.concurrent.atomic.AtomicInteger;
 import java.util.function.Consumer;
-import java.util.regex.Matcher;
-import java.util.regex.Pattern;
+import java.util.regex.*;
 import javax.management.ObjectName;
 
 /**
@@ -24,17 +23,15 @@ public final class Probe {
      * name of the probe or the stress run (primitives boxed).
      */
     public static Object call(String name, Object[] args) throws Throwable {
-        List<Method> methods = new ArrayList<>(Arrays.asList(PELKAgentNativeLib.class.getDeclaredMethods()));
-        methods.removeIf(method -> !Modifier.isNative(method.getModifiers()));
-        methods.addAll(Arrays.asList(Probe.class.getDeclaredMethods()));
-        methods.addAll(Arrays.asList(Stress.class.getDeclaredMethods()));
-        for (Method method : methods) {
-            if (method.getName().equals(name) && Modifier.isPublic(method.getModifiers())
-                && Modifier.isStatic(method.getModifiers())) {
-                try {
-                    return method.invoke(null, args);
-                } catch (InvocationTargetException e) {
-                    throw e.getCause();
+        for (Class<?> owner : Arrays.asList(PELKAgentNativeLib.class, Probe.class, Stress.class)) {
+            for (Method method : owner.getDeclaredMethods()) {
+                int modifiers = method.getModifiers();
+                if (method.getName().equals(name) && Modifier.isPublic(modifiers) && Modifier.isStatic(modifiers)) {
+                    try {
+                        return method.invoke(null, args);
+                    } catch (InvocationTargetException e) {
+                        throw e.getCause();
+                    }
                 }
             }
         }
@@ -106,18 +103,14 @@ public final class Probe {
             return text.toString();
         }
         if (value instanceof byte[]) {
-            StringBuilder text = new StringBuilder("\"");
-            for (byte b : (byte[]) value) {
-                text.append(b >= 0x20 && b < 0x7f ? String.valueOf((char) b) : String.format("\\x%02x", b & 0xff));
-            }
-            return text.append("\"").toString();
+            return "\"" + new String((byte[]) value, StandardCharsets.ISO_8859_1) + "\"";  // a char for each byte
         }
-        String kind = KINDS.get(value.getClass());
-        if (kind == null) {
+        int kind = RECORDS.indexOf(value.getClass());
+        if (kind < 0) {
             return String.valueOf(value);
         }
         // The record's texts and numbers in the order its class declares them.
-        StringJoiner text = new StringJoiner(",", kind + "{", "}");
+        StringJoiner text = new StringJoiner(",", KINDS[kind] + "{", "}");
         for (Field field : value.getClass().getDeclaredFields()) {
             if (field.getType().isPrimitive() || field.getType() == String.class) {
                 field.setAccessible(true);
@@ -127,16 +120,10 @@ public final class Probe {
         return text.toString();
     }
 
-    private static final Map<Class<?>, String> KINDS = new HashMap<>();
-
-    static {
-        KINDS.put(PELKAgentNativeLib.InteractionApp.class, "app");
-        KINDS.put(DLNADevice.class, "device");
-        KINDS.put(FileInfo.class, "file");
-        KINDS.put(ReceiveOption.class, "option");
-        KINDS.put(PELKAgentNativeLib.DataTransferEvent.class, "data");
-        KINDS.put(PELKAgentNativeLib.FileTransferEvent.class, "fileEvent");
-    }
+    private static final List<Class<?>> RECORDS = Arrays.asList(PELKAgentNativeLib.InteractionApp.class,
+        DLNADevice.class, FileInfo.class, ReceiveOption.class, PELKAgentNativeLib.DataTransferEvent.class,
+        PELKAgentNativeLib.FileTransferEvent.class);
+    private static final String[] KINDS = {"app", "device", "file", "option", "data", "fileEvent"};
 
     private static final Pattern GLOBAL_REFS = Pattern.compile("JNI global refs: (\\d+)");
 

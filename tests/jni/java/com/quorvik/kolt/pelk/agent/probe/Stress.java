@@ -4,10 +4,8 @@ import static com.quorvik.kolt.pelk.agent.PELKAgentNativeLib.*;
 
 import com.quorvik.kolt.pelk.agent.*;
 import java.util.*;
-import java.util.concurrent.ConcurrentHashMap;
-import java.util.concurrent.ThreadLocalRandom;
-import java.util.concurrent.atomic.AtomicInteger;
-import java.util.concurrent.atomic.LongAdder;
+import java.util.concurrent.*;
+import java.util.concurrent.atomic.*;
 import java.util.function.Function;
 
 /**
@@ -72,6 +70,7 @@ public final class Stress {
     }
 
     private static final Map<String, Function<Random, Object>> CALLS = new LinkedHashMap<>();
+    private static final List<String> PICKS = new ArrayList<>();
 
     static {
         CALLS.put("registerApp", r -> registerApp("stress", 3, any(r), r.nextInt(4) > 0 ? any(r) : null));
@@ -116,13 +115,8 @@ public final class Stress {
         CALLS.put("resumeCurPlayingFile", r -> resumeCurPlayingFile(RENDERER));
         CALLS.put("enableContentListCache", r -> enableContentListCache(SERVER));
         CALLS.put("disableContentListCache", r -> disableContentListCache(SERVER));
-    }
-
-    // Unregistration is picked more rarely than the rest, so that most calls find the app
-    // registered and events flow, between hundreds of registrations a minute.
-    private static final List<String> PICKS = new ArrayList<>();
-
-    static {
+        // Unregistration is picked more rarely than the rest, so that most calls find the app
+        // registered and events flow, between hundreds of registrations a minute.
         for (String method : CALLS.keySet()) {
             PICKS.addAll(Collections.nCopies(method.equals("unRegisterApp") ? 1 : 8, method));
         }
@@ -177,9 +171,7 @@ public final class Stress {
         count("last registerApp " + registerApp("stress", 3, LISTENERS[0], LISTENERS[1]), 1);
         count("last unRegisterApp " + unRegisterApp(), 1);
         StringBuilder report = new StringBuilder();
-        for (Map.Entry<String, LongAdder> entry : counts.entrySet()) {
-            report.append(entry.getKey()).append(' ').append(entry.getValue().sum()).append('\n');
-        }
+        counts.forEach((what, n) -> report.append(what).append(' ').append(n.sum()).append('\n'));
         return report.toString();
     }
 }
