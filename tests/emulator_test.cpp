@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <deque>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -49,14 +49,13 @@ private:
 // The bodies of one action ID, decoded. File events are written 8 bytes shorter than their
 // GetSize(), and read as such by the agent.
 template <class Msg>
-std::vector<Msg> only(const std::vector<Bytes>& bodies, int32_t actionID) {
-    std::vector<Msg> found(static_cast<size_t>(std::count_if(bodies.begin(), bodies.end(), [&](const Bytes& body) {
-        return pelktest::actionIdOf(body) == actionID;
-    })));
-    auto next = found.begin();
+std::deque<Msg> only(const std::vector<Bytes>& bodies, int32_t actionID) {
+    std::deque<Msg> found;  // never moves its elements, as messages that own data cannot be moved
     for (const Bytes& body : bodies) {
         if (pelktest::actionIdOf(body) == actionID) {
-            (next++)->FromBuffer(body.data(), static_cast<unsigned int>(body.size()) + Codec::UnwrittenTail<Msg>::value);
+            found.emplace_back();
+            found.back().FromBuffer(body.data(),
+                                    static_cast<unsigned int>(body.size()) + Codec::UnwrittenTail<Msg>::value);
         }
     }
     return found;
@@ -70,12 +69,6 @@ std::vector<std::string> receivedData(const std::vector<Bytes>& bodies) {
                         std::to_string(event.sender.nAppID) + " " + std::string(event.data.pData, event.data.nLength));
     }
     return found;
-}
-
-InteractionApp addressOf(int32_t appID) {
-    InteractionApp app;
-    app.nAppID = appID;
-    return app;
 }
 
 class EmulatorTest : public ::testing::Test {
@@ -107,13 +100,6 @@ protected:
         request.fAppEvents = request.fDeviceEvents = events;
         const RegisterRes registered = reply<RegisterRes>(client, request);
         return registered.nResult != RESULT_OK ? -1 : registered.nAppID;
-    }
-
-    void receiveInto(ClientId client, const std::string& folder, int32_t percent = 1) {
-        SetReceiveOptionReq option;
-        option.SetDirectory(folder.c_str());
-        option.percent = percent;
-        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(client, option));
     }
 
     // Sends request and returns its reply, the body sent back under the request's action ID;
@@ -250,14 +236,14 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollo
     join(2, "bob");
     join(3, "carol");
     SendDataReq request;  // a plain send between two apps is the end-to-end test's
-    request.app = addressOf(1);
+    request.app.nAppID = 1;
     request.app.SetIPv4("10.0.0.1");  // app 1 lives on this device only
     request.data.Set("hello", 5);
     EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
     EXPECT_TRUE(receivedData(host.take(1)).empty());
 
     SendUDPHugeDataReq piece;  // relayed whole, once it has room for its list ID and sequence number
-    piece.app = addressOf(1);
+    piece.app.nAppID = 1;
     piece.data.Set("part", 4);
     EXPECT_EQ(RESULT_BAD_REQUEST, result<SendUDPHugeDataRes>(3, piece));
     const Bytes payload = B().i32(77).i32(-2).str("part", 4);
@@ -279,7 +265,7 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollo
     // The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
     // the low byte of its app ID in the tag; it files a UDP callback only after the reply.
     SendUDPDataReq udp;
-    udp.app = addressOf(1);
+    udp.app.nAppID = 1;
     udp.app.szIPv4[14] = 'x';  // a byte behind the terminator
     udp.fFlag = true;
     udp.data.Set("u", 1);
@@ -292,7 +278,7 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollo
               std::make_tuple(int{status.sendTag.byRemoteAppID}, int{status.sendTag.byLocalAppID}, status.nEventType));
 
     AsynSendDataReq tcp;
-    tcp.app = addressOf(300);  // unknown; its low byte still comes back
+    tcp.app.nAppID = 300;  // unknown; its low byte still comes back
     tcp.fWantStatus = true;
     tcp.data.Set("t", 1);
     ASSERT_TRUE(send(2, tcp));
@@ -312,9 +298,11 @@ protected:
         join(1, "alice");
         join(2, "bob");
         mkdir(inbox.c_str(), 0755);
-        receiveInto(1, inbox, 10);
+        SetReceiveOptionReq option;
+        option.SetDirectory(inbox.c_str());
+        option.percent = 34;
+        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(1, option));
         big = files.write("big.bin", pattern(3 * Service::kChunkBytes + 100, 7));
-        host.take(1);
     }
 
     // The task ID, or the negated result of a refusal.
@@ -323,7 +311,7 @@ protected:
         for (const std::string& path : paths) {
             request.files.emplace_back(path.c_str());
         }
-        request.app = addressOf(target);
+        request.app.nAppID = target;
         const SendFileRes sent = reply<SendFileRes>(2, request);
         return sent.nResult == RESULT_OK ? sent.nTaskID : -sent.nResult;
     }
@@ -348,7 +336,6 @@ TEST_F(FileSendTest, RefusalsNameTheirCauseAndFilesArriveWholeWithProgressToBoth
     EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
     EXPECT_EQ(0u, service->taskCount());
 
-    receiveInto(1, inbox, 34);
     const int32_t task = sendFiles({big, files.write("empty.txt", "")});
     ASSERT_GT(task, 0);
     runTasks();
@@ -388,7 +375,7 @@ TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartia
     EXPECT_TRUE(host.take(2).empty());
     EXPECT_EQ(RESULT_OK, control(2, ACTION_RESUME_SEND, task));
     service->tick();
-    const std::vector<SendFileStatusRes> resumed = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS);
+    const std::deque<SendFileStatusRes> resumed = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS);
     ASSERT_EQ(1u, resumed.size());
     EXPECT_EQ(2 * Service::kChunkBytes, resumed[0].ullCurrentSize);  // on from where it stood
     EXPECT_EQ(FILE_EVENT_RESUMED, only<ReceiveFileRes>(host.take(1), ACTION_RECEIVE_FILE).at(0).nEventType);
@@ -443,7 +430,6 @@ protected:
 // takes files only.
 TEST_F(MediaTest, BrowsingAndUploadsStayInsideTheFolderTree) {
     const GetFileListRes root = list(ACTION_GET_ROOT_FILE_LIST, "", server);
-    ASSERT_EQ(RESULT_OK, root.nResult);
     ASSERT_EQ(2u, root.items.size());  // no hidden file, no link leading out
     EXPECT_STREQ("object.container.storageFolder", root.items[0].objectType);
     EXPECT_STREQ("0", root.items[1].objectParentID);
@@ -507,7 +493,7 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     share.SetFolderPath(media.file("Music").c_str());
     EXPECT_EQ(RESULT_OK, result<SetShareFolderRes>(2, share));
     EXPECT_EQ(RESULT_OK, result<DMSCtrlRes>(2, DMSCtrlReq(ACTION_START_DMS)));
-    const std::vector<DMDeviceChangeRes> appeared = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
+    const std::deque<DMDeviceChangeRes> appeared = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
     ASSERT_EQ(1u, appeared.size());
     EXPECT_EQ(DEVICE_APPEARED, appeared[0].nChangeType);
     EXPECT_STREQ("bob media", appeared[0].device.name);
@@ -522,7 +508,7 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     EXPECT_EQ(3u, only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE).size());
 
     service->disconnect(2);
-    const std::vector<DMDeviceChangeRes> left = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
+    const std::deque<DMDeviceChangeRes> left = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
     ASSERT_EQ(1u, left.size());
     EXPECT_EQ(DEVICE_LEFT, left[0].nChangeType);
 }
