@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <deque>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -49,14 +49,13 @@ private:
 // The bodies of one action ID, decoded. File events are written 8 bytes shorter than their
 // GetSize(), and read as such by the agent.
 template <class Msg>
-std::vector<Msg> only(const std::vector<Bytes>& bodies, int32_t actionID) {
-    std::vector<Msg> found(static_cast<size_t>(std::count_if(bodies.begin(), bodies.end(), [&](const Bytes& body) {
-        return pelktest::actionIdOf(body) == actionID;
-    })));
-    auto next = found.begin();
+std::deque<Msg> only(const std::vector<Bytes>& bodies, int32_t actionID) {
+    std::deque<Msg> found;  // never moves its elements, as messages that own data cannot be moved
     for (const Bytes& body : bodies) {
         if (pelktest::actionIdOf(body) == actionID) {
-            (next++)->FromBuffer(body.data(), static_cast<unsigned int>(body.size()) + Codec::UnwrittenTail<Msg>::value);
+            found.emplace_back();
+            found.back().FromBuffer(body.data(),
+                                    static_cast<unsigned int>(body.size()) + Codec::UnwrittenTail<Msg>::value);
         }
     }
     return found;
@@ -70,12 +69,6 @@ std::vector<std::string> receivedData(const std::vector<Bytes>& bodies) {
                         std::to_string(event.sender.nAppID) + " " + std::string(event.data.pData, event.data.nLength));
     }
     return found;
-}
-
-InteractionApp addressOf(int32_t appID) {
-    InteractionApp app;
-    app.nAppID = appID;
-    return app;
 }
 
 class EmulatorTest : public ::testing::Test {
@@ -105,28 +98,20 @@ protected:
         request.SetAppName(name);
         request.nAppID = number;
         request.fAppEvents = request.fDeviceEvents = events;
-        const RegisterRes reply = (send(client, request), only<RegisterRes>(host.take(client), ACTION_REGISTER)).at(0);
-        return reply.nResult != RESULT_OK ? -1 : reply.nAppID;
+        const RegisterRes registered = reply<RegisterRes>(client, request);
+        return registered.nResult != RESULT_OK ? -1 : registered.nAppID;
     }
 
-    void receiveInto(ClientId client, const std::string& folder, int32_t percent = 1) {
-        SetReceiveOptionReq option;
-        option.SetDirectory(folder.c_str());
-        option.percent = percent;
-        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(client, option));
-    }
-
-    // Sends request and returns the result of its reply, the first body sent back that is no event.
-    template <class Res>
-    int32_t result(ClientId client, const ReqResBase& request) {
+    // Sends request and returns its reply, the body sent back under the request's action ID;
+    // the events sent with it are dropped.
+    template <class Res, class Req>
+    Res reply(ClientId client, const Req& request) {
         EXPECT_TRUE(send(client, request));
-        for (const Bytes& body : host.take(client)) {
-            if (!IsEventActionID(pelktest::actionIdOf(body))) {
-                return only<Res>({body}, pelktest::actionIdOf(body)).at(0).nResult;
-            }
-        }
-        ADD_FAILURE() << "no reply";
-        return -1;
+        return only<Res>(host.take(client), request.actionID).at(0);
+    }
+    template <class Res, class Req>
+    int32_t result(ClientId client, const Req& request) {
+        return reply<Res>(client, request).nResult;
     }
 
     // Moves the clock on by ms for one tick.
@@ -152,6 +137,7 @@ protected:
 
 TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
     join(1, "golden");
+    service->connect(2);  // never registered: the length is checked first
     for (const pelktest::Golden& golden : pelktest::Goldens()) {
         const std::string name = golden.name;
         if (name.compare(name.size() - 3, 3, "Req") != 0) {
@@ -159,12 +145,8 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
         }
         SCOPED_TRACE(name);
         const Bytes& body = golden.body;
-        Bytes longer = body;
-        longer.push_back(0);
-        for (const Bytes& wrong : {Bytes(body.begin(), body.end() - 1), longer}) {
-            service->connect(2);
+        for (const Bytes& wrong : {Bytes(body.begin(), body.end() - 1), B().add(body).u8(0).v}) {
             EXPECT_FALSE(receive(2, wrong));
-            service->disconnect(2);
         }
         ASSERT_TRUE(receive(1, body));
         const std::vector<Bytes> sent = host.take(1);
@@ -176,10 +158,9 @@ TEST_F(EmulatorTest, EveryGoldenRequestIsReadWholeAndAnsweredUnderItsOwnID) {
     }
     // Before registration a request is refused; events, the link's own 46 and unknown IDs are
     // no requests and end the connection.
-    service->connect(3);
-    EXPECT_EQ(RESULT_NOT_REGISTERED, result<SearchAppRes>(3, SearchAppReq()));
+    EXPECT_EQ(RESULT_NOT_REGISTERED, result<SearchAppRes>(2, SearchAppReq()));
     for (int32_t id : {ACTION_RECEIVE_DATA, ACTION_SERVER_DISCONNECTED, 99}) {
-        EXPECT_FALSE(receive(3, B().i32(id).i32(0))) << id;
+        EXPECT_FALSE(receive(2, B().i32(id).i32(0))) << id;
     }
 }
 
@@ -190,12 +171,11 @@ TEST(FrameReaderTest, CutsFramesAndRefusesLengthsWithoutAnActionIDOrBeyondTheLim
     uint32_t length = 0;
     reader.append(reinterpret_cast<const char*>(two.data()), 15);
     ASSERT_EQ(FrameReader::FRAME, reader.next(body, length));
-    EXPECT_EQ(8u, length);
-    EXPECT_EQ(44, static_cast<int32_t>(Wire::DecodeFixed32(reinterpret_cast<const unsigned char*>(body))));
+    EXPECT_EQ(B().i32(44).i32(1).v, Bytes(body, body + length));
     EXPECT_EQ(FrameReader::NEED_MORE, reader.next(body, length));
     reader.append(reinterpret_cast<const char*>(two.data()) + 15, 5);
     ASSERT_EQ(FrameReader::FRAME, reader.next(body, length));
-    EXPECT_EQ(4u, length);
+    EXPECT_EQ(B().i32(2).v, Bytes(body, body + length));
     for (uint32_t size : {3u, Service::kMaxBody, Service::kMaxBody + 1, 0xFFFFFFFFu}) {
         FrameReader fresh;
         const Bytes frame = B().i32(size);
@@ -224,10 +204,9 @@ TEST_F(EmulatorTest, AppEventsMarkOnlyTheRecipientsOwnRecordLocalAndGoToAppsThat
                                   event(APP_APPEARED, "alice", 1, 7, 0)}),
               host.take(2));
     EXPECT_EQ((std::vector<Bytes>{event(APP_APPEARED, "bob", 2, 8, 0)}), host.take(1));
-    const std::vector<SearchAppRes> search = (send(1, SearchAppReq()), only<SearchAppRes>(host.take(1), ACTION_SEARCH_APP));
-    ASSERT_EQ(2u, search.at(0).apps.size());
-    EXPECT_EQ(1, search[0].apps[0].fLocalDevice);
-    EXPECT_EQ(0, search[0].apps[1].fLocalDevice);
+    const SearchAppRes search = reply<SearchAppRes>(1, SearchAppReq());
+    ASSERT_EQ(2u, search.apps.size());
+    EXPECT_EQ(std::make_pair(1, 0), std::make_pair(int{search.apps[0].fLocalDevice}, int{search.apps[1].fLocalDevice}));
 
     join(3, "quiet", 1, false);
     host.take(1);
@@ -252,24 +231,17 @@ TEST_F(EmulatorTest, AppIDsFitOneByteAndAFreedOneReturnsOnlyAfterAllOthers) {
 // record; unknown targets are refused; a send that asks for it is followed by a status event.
 TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollows) {
     join(1, "alice");
-    join(2, "bob", 8);
+    join(2, "bob");
     join(3, "carol");
-    host.take(1);
-    host.take(2);
-    SendDataReq request;
-    request.app = addressOf(1);
-    request.data.Set("hello", 5);
-    EXPECT_EQ(RESULT_OK, result<SendDataRes>(2, request));
-    const std::vector<Bytes> delivered = host.take(1);
-    EXPECT_EQ((std::vector<std::string>{"0 bob 2 hello"}), receivedData(delivered));
-    EXPECT_EQ(1, pelktest::readInt32(delivered.at(0), 4)) << "the status word";
-
+    SendDataReq request;  // a plain send between two apps is the end-to-end test's
+    request.app.nAppID = 1;
     request.app.SetIPv4("10.0.0.1");  // app 1 lives on this device only
+    request.data.Set("hello", 5);
     EXPECT_EQ(RESULT_UNKNOWN_TARGET, result<SendDataRes>(2, request));
-    EXPECT_TRUE(host.take(1).empty());
+    EXPECT_TRUE(receivedData(host.take(1)).empty());
 
     SendUDPHugeDataReq piece;  // relayed whole, once it has room for its list ID and sequence number
-    piece.app = addressOf(1);
+    piece.app.nAppID = 1;
     piece.data.Set("part", 4);
     EXPECT_EQ(RESULT_BAD_REQUEST, result<SendUDPHugeDataRes>(3, piece));
     const Bytes payload = B().i32(77).i32(-2).str("part", 4);
@@ -291,7 +263,7 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollo
     // The agent finds a status callback by the target's address field (all 16 bytes for UDP) and
     // the low byte of its app ID in the tag; it files a UDP callback only after the reply.
     SendUDPDataReq udp;
-    udp.app = addressOf(1);
+    udp.app.nAppID = 1;
     udp.app.szIPv4[14] = 'x';  // a byte behind the terminator
     udp.fFlag = true;
     udp.data.Set("u", 1);
@@ -304,7 +276,7 @@ TEST_F(EmulatorTest, DataIsRelayedAsItsKindWithTheSendersRecordAndItsStatusFollo
               std::make_tuple(int{status.sendTag.byRemoteAppID}, int{status.sendTag.byLocalAppID}, status.nEventType));
 
     AsynSendDataReq tcp;
-    tcp.app = addressOf(300);  // unknown; its low byte still comes back
+    tcp.app.nAppID = 300;  // unknown; its low byte still comes back
     tcp.fWantStatus = true;
     tcp.data.Set("t", 1);
     ASSERT_TRUE(send(2, tcp));
@@ -324,9 +296,11 @@ protected:
         join(1, "alice");
         join(2, "bob");
         mkdir(inbox.c_str(), 0755);
-        receiveInto(1, inbox, 10);
+        SetReceiveOptionReq option;
+        option.SetDirectory(inbox.c_str());
+        option.percent = 34;
+        ASSERT_EQ(RESULT_OK, result<SetReceiveOptionRes>(1, option));
         big = files.write("big.bin", pattern(3 * Service::kChunkBytes + 100, 7));
-        host.take(1);
     }
 
     // The task ID, or the negated result of a refusal.
@@ -335,9 +309,9 @@ protected:
         for (const std::string& path : paths) {
             request.files.emplace_back(path.c_str());
         }
-        request.app = addressOf(target);
-        const SendFileRes reply = (send(2, request), only<SendFileRes>(host.take(2), ACTION_SEND_FILE)).at(0);
-        return reply.nResult == RESULT_OK ? reply.nTaskID : -reply.nResult;
+        request.app.nAppID = target;
+        const SendFileRes sent = reply<SendFileRes>(2, request);
+        return sent.nResult == RESULT_OK ? sent.nTaskID : -sent.nResult;
     }
 
     int32_t control(ClientId client, int32_t command, int32_t taskID) {
@@ -360,7 +334,6 @@ TEST_F(FileSendTest, RefusalsNameTheirCauseAndFilesArriveWholeWithProgressToBoth
     EXPECT_EQ(RESULT_BAD_FOLDER, result<SetReceiveOptionRes>(2, option));
     EXPECT_EQ(0u, service->taskCount());
 
-    receiveInto(1, inbox, 34);
     const int32_t task = sendFiles({big, files.write("empty.txt", "")});
     ASSERT_GT(task, 0);
     runTasks();
@@ -400,7 +373,7 @@ TEST_F(FileSendTest, PauseResumeAndCancelObeyTheirOwnerAndCancelRemovesThePartia
     EXPECT_TRUE(host.take(2).empty());
     EXPECT_EQ(RESULT_OK, control(2, ACTION_RESUME_SEND, task));
     service->tick();
-    const std::vector<SendFileStatusRes> resumed = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS);
+    const std::deque<SendFileStatusRes> resumed = only<SendFileStatusRes>(host.take(2), ACTION_SEND_FILE_STATUS);
     ASSERT_EQ(1u, resumed.size());
     EXPECT_EQ(2 * Service::kChunkBytes, resumed[0].ullCurrentSize);  // on from where it stood
     EXPECT_EQ(FILE_EVENT_RESUMED, only<ReceiveFileRes>(host.take(1), ACTION_RECEIVE_FILE).at(0).nEventType);
@@ -438,7 +411,7 @@ protected:
         GetFileListReq request(command);
         request.server = on;
         Wire::CopyText(request.folder.objectID, objectID);
-        return (send(1, request), only<GetFileListRes>(host.take(1), command)).at(0);
+        return reply<GetFileListRes>(1, request);
     }
 
     FileInfo item(const char* objectID) {
@@ -455,7 +428,6 @@ protected:
 // takes files only.
 TEST_F(MediaTest, BrowsingAndUploadsStayInsideTheFolderTree) {
     const GetFileListRes root = list(ACTION_GET_ROOT_FILE_LIST, "", server);
-    ASSERT_EQ(RESULT_OK, root.nResult);
     ASSERT_EQ(2u, root.items.size());  // no hidden file, no link leading out
     EXPECT_STREQ("object.container.storageFolder", root.items[0].objectType);
     EXPECT_STREQ("0", root.items[1].objectParentID);
@@ -484,9 +456,7 @@ TEST_F(MediaTest, BrowsingAndUploadsStayInsideTheFolderTree) {
 
     GetParentDirectoryInfoReq parent;
     parent.item = item("Music/track.mp3");
-    ASSERT_TRUE(send(1, parent));
-    const GetParentDirectoryInfoRes info = only<GetParentDirectoryInfoRes>(host.take(1), ACTION_GET_PARENT_DIRECTORY_INFO).at(0);
-    EXPECT_EQ(RESULT_OK, info.nResult);
+    const GetParentDirectoryInfoRes info = reply<GetParentDirectoryInfoRes>(1, parent);
     EXPECT_EQ("Music in 0", std::string(info.parent.objectID) + " in " + info.parent.objectParentID);
 }
 
@@ -521,13 +491,12 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     share.SetFolderPath(media.file("Music").c_str());
     EXPECT_EQ(RESULT_OK, result<SetShareFolderRes>(2, share));
     EXPECT_EQ(RESULT_OK, result<DMSCtrlRes>(2, DMSCtrlReq(ACTION_START_DMS)));
-    const std::vector<DMDeviceChangeRes> appeared = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
+    const std::deque<DMDeviceChangeRes> appeared = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
     ASSERT_EQ(1u, appeared.size());
     EXPECT_EQ(DEVICE_APPEARED, appeared[0].nChangeType);
     EXPECT_STREQ("bob media", appeared[0].device.name);
 
-    ASSERT_TRUE(send(1, SearchDeviceReq(ACTION_SEARCH_DMS)));
-    const SearchDeviceRes servers = only<SearchDeviceRes>(host.take(1), ACTION_SEARCH_DMS).at(0);
+    const SearchDeviceRes servers = reply<SearchDeviceRes>(1, SearchDeviceReq(ACTION_SEARCH_DMS));
     ASSERT_EQ(2u, servers.devices.size());
     EXPECT_EQ(1u, list(ACTION_GET_ROOT_FILE_LIST, "", servers.devices[1]).items.size());
 
@@ -537,7 +506,7 @@ TEST_F(MediaTest, AnAppsOwnServerIsADeviceForOthersWhileItRuns) {
     EXPECT_EQ(3u, only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE).size());
 
     service->disconnect(2);
-    const std::vector<DMDeviceChangeRes> left = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
+    const std::deque<DMDeviceChangeRes> left = only<DMDeviceChangeRes>(host.take(1), ACTION_DM_DEVICE_CHANGE);
     ASSERT_EQ(1u, left.size());
     EXPECT_EQ(DEVICE_LEFT, left[0].nChangeType);
 }

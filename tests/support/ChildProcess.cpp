@@ -44,7 +44,7 @@ ChildProcess::~ChildProcess() {
         signal(SIGTERM);
         if (wait(5000) < 0) {
             signal(SIGKILL);
-            wait(-1);
+            wait(60000);
         }
     }
 }
@@ -56,19 +56,14 @@ void ChildProcess::signal(int signalNumber) {
 }
 
 int ChildProcess::wait(int timeoutMs) {
-    const auto reaped = [&](int options) {
+    waitUntil([&] {
         int status = 0;
-        const pid_t done = m_pid > 0 && m_nStatus < 0 ? waitpid(m_pid, &status, options) : -1;
+        const pid_t done = m_pid > 0 && m_nStatus < 0 ? waitpid(m_pid, &status, WNOHANG) : -1;
         if (done == m_pid) {
             m_nStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         }
         return done != 0;  // reaped, or nothing (left) to wait for
-    };
-    if (timeoutMs < 0) {
-        reaped(0);
-    } else {
-        waitUntil([&] { return reaped(WNOHANG); }, timeoutMs, 10);
-    }
+    }, timeoutMs, 10);
     return m_nStatus;
 }
 
@@ -80,10 +75,9 @@ bool ChildProcess::awaitOutput(const std::string& text, int timeoutMs) const {
     return waitUntil([&] { return output().find(text) != std::string::npos; }, timeoutMs, 20);
 }
 
-std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath,
-                                            int timeoutMs) {
+std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath) {
     auto emulator = std::make_unique<ChildProcess>(argv, outputPath);
-    if (!emulator->awaitOutput("listening on 127.0.0.1:20014", timeoutMs)) {
+    if (!emulator->awaitOutput("listening on 127.0.0.1:20014", 30000)) {
         ADD_FAILURE() << "the emulator did not start:\n" << emulator->output();
     }
     return emulator;

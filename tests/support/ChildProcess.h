@@ -36,9 +36,8 @@ private:
 };
 
 // Starts the emulator (argv: its path, then its arguments) and waits until it listens on the
-// service's port; a test failure, with its output, when it does not within timeoutMs.
-std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath,
-                                            int timeoutMs = 30000);
+// service's port; a test failure, with its output, when it does not within 30 s.
+std::unique_ptr<ChildProcess> startEmulator(const std::vector<std::string>& argv, const std::string& outputPath);
 
 }  // namespace pelktest
 

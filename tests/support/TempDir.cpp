@@ -21,10 +21,6 @@ TempDir::~TempDir() {
     if (!m_path.empty()) nftw(m_path.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-std::string TempDir::file(const std::string& name) const {
-    return m_path + "/" + name;
-}
-
 std::string TempDir::write(const std::string& name, const std::string& content) const {
     std::string full = file(name);
     std::ofstream(full, std::ios::binary | std::ios::trunc) << content;

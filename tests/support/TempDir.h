@@ -16,7 +16,7 @@ public:
 
     const std::string& path() const { return m_path; }
     // path() + "/" + name
-    std::string file(const std::string& name) const;
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
     // Writes content to path() + "/" + name (creating the file) and returns the full path.
     std::string write(const std::string& name, const std::string& content) const;
 
