@@ -1,7 +1,7 @@
 #include "support/AgentFixture.h"
 
 #include <algorithm>
-#include <chrono>
+#include <iterator>
 
 namespace pelktest {
 
@@ -67,25 +67,21 @@ void CallbackRecorder::record(CallbackRecord record) {
     }
     std::lock_guard<std::mutex> guard(m_mutex);
     m_records.push_back(std::move(record));
-    m_changed.notify_all();
 }
 
 bool CallbackRecorder::waitFor(const std::string& kind, size_t count, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+    return waitUntil([&] {
+        std::lock_guard<std::mutex> guard(m_mutex);
         const auto ofKind = [&](const CallbackRecord& record) { return record.kind == kind; };
         return static_cast<size_t>(std::count_if(m_records.begin(), m_records.end(), ofKind)) >= count;
-    });
+    }, timeoutMs);
 }
 
 std::vector<CallbackRecord> CallbackRecorder::of(const std::string& kind) {
     std::lock_guard<std::mutex> guard(m_mutex);
     std::vector<CallbackRecord> matching;
-    for (const CallbackRecord& record : m_records) {
-        if (record.kind == kind) {
-            matching.push_back(record);
-        }
-    }
+    std::copy_if(m_records.begin(), m_records.end(), std::back_inserter(matching),
+                 [&](const CallbackRecord& record) { return record.kind == kind; });
     return matching;
 }
 
@@ -118,9 +114,9 @@ void AgentTest::TearDown() {
     callbacks.clear();
 }
 
-void AgentTest::registerAgent(bool withCallbacks, bool autoReconnect) {
-    ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, withCallbacks ? CallbackRecorder::onApp : nullptr,
-                                    withCallbacks ? CallbackRecorder::onDevice : nullptr, autoReconnect));
+void AgentTest::registerAgent(bool autoReconnect) {
+    ASSERT_EQ(0, agent->registerApp("tester", kCallerAppID, &user, CallbackRecorder::onApp, CallbackRecorder::onDevice,
+                                    autoReconnect));
     ASSERT_EQ(kAppID, agent->getAppID());
 }
 

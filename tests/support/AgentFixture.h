@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -62,7 +61,6 @@ public:
 
 private:
     std::mutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<CallbackRecord> m_records;
     std::string m_actionKind;
     std::function<void()> m_action;
@@ -83,8 +81,8 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Registers with both change callbacks (or none) and checks that it worked.
-    void registerAgent(bool withCallbacks = true, bool autoReconnect = true);
+    // Registers with both change callbacks and checks that it worked.
+    void registerAgent(bool autoReconnect = true);
     // Scripts the service to accept registration (as kAppID), unregistration and receive options.
     void answerLifecycle();
     // Answers every request with this ID by an 8-byte reply holding result.
