@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "ActionManager/ResultCodes.h"
 #include "support/AgentFixture.h"
 
 using namespace pelktest;
@@ -105,7 +106,8 @@ class ReconnectionTest : public AgentTest {};
 
 // A service that stops reading makes a send time out in the middle of its frame: the connection
 // can never be framed again, so it is a loss like a closed one. The agent registers again about
-// 3 s later, and about 3 s after that sends the option again and tells the app it is back.
+// 3 s later, and about 3 s after that sends the option again and tells the app it is back; data
+// flows again.
 TEST_F(ReconnectionTest, ASendCutByAStalledServiceIsALossAfterWhichTheAgentRegistersAgain) {
     registerAgent();
     PELK::ReceiveOption option;
@@ -122,15 +124,18 @@ TEST_F(ReconnectionTest, ASendCutByAStalledServiceIsALossAfterWhichTheAgentRegis
 
     service->stallReading(true);
     const std::string chunk(65535, 'x');
-    while (agent->asynSendData(chunk.data(), 65535, &peer, false, nullptr, nullptr) == 0) {
+    int code = 0;
+    while ((code = agent->asynSendData(chunk.data(), 65535, &peer, false, nullptr, nullptr)) == 0) {
     }
     const Clock::time_point lost = Clock::now();
+    EXPECT_EQ(PELK::LinkResult::kSendFailed.value, code);
     ASSERT_TRUE(callbacks.waitFor("app", 1));
     service->stallReading(false);
     EXPECT_EQ(0, listed.load());
     EXPECT_TRUE(listedAtLoss.empty());
     const CallbackRecord disconnected = callbacks.of("app").at(0);
     EXPECT_EQ(3, disconnected.status);
+    EXPECT_STREQ("tester", disconnected.app.szAppName);
     EXPECT_EQ(kAppID, disconnected.app.nAppID);
     EXPECT_EQ(&user, disconnected.user);
 
@@ -151,6 +156,8 @@ TEST_F(ReconnectionTest, ASendCutByAStalledServiceIsALossAfterWhichTheAgentRegis
     EXPECT_EQ(1u, log.count("[reconnected to server]"));
     EXPECT_EQ(kAppID, back.app.nAppID);
     EXPECT_EQ(kAppID, agent->getAppID());
+    answerResult(PELK::ACTION_SEND_DATA);
+    EXPECT_EQ(0, agent->sendData("after", 5, &peer, false, 5));
 }
 
 // The service stays away for two attempts; the app then registers by itself while the thread waits
