@@ -146,13 +146,6 @@ FakeService::~FakeService() {
     }
 }
 
-void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) {
-    on(actionID, [replyBody, delayMs](const Bytes&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
-        return std::vector<Bytes>{replyBody};
-    });
-}
-
 // A client's connect can complete before this side has accepted it: these wait for the accept.
 bool FakeService::sendRaw(const Bytes& bytes) {
     std::unique_lock<std::mutex> lock(m_mutex);

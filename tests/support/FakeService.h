@@ -121,8 +121,10 @@ public:
 
     // Scripts the answers to every request with this action ID (replacing an earlier script).
     void on(int32_t actionID, Handler handler) { locked([&] { m_handlers[actionID] = std::move(handler); }); }
-    // Shorthand: answer every such request with this body, optionally delayMs late.
-    void answer(int32_t actionID, const Bytes& replyBody, int delayMs = 0);
+    // Shorthand: answer every such request with this body.
+    void answer(int32_t actionID, const Bytes& replyBody) {
+        on(actionID, [replyBody](const Bytes&) { return std::vector<Bytes>{replyBody}; });
+    }
 
     // Sends one frame carrying body to the connected client. This and the following three wait
     // (up to 5 s) for a connection that the client has made but this side not yet accepted.
