@@ -16,23 +16,6 @@
 
 namespace pelktest {
 
-namespace {
-
-uint32_t readLittleEndian32(const uint8_t* at) {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
-           static_cast<uint32_t>(at[3]) << 24;
-}
-
-// The action ID of a recorded frame (length word first); 0 for the null frame.
-int32_t idOf(const Bytes& frame) {
-    return frame.empty() ? 0 : static_cast<int32_t>(readLittleEndian32(frame.data() + 4));
-}
-
-}  // namespace
-
-// ---------------------------------------------------------------------------------------------
-// Body building
-
 Bytes body(int32_t actionID, std::initializer_list<int32_t> words) {
     B builder;
     builder.i32(actionID);
@@ -45,7 +28,7 @@ Bytes frame(const Bytes& messageBody) {
 }
 
 int32_t actionIdOf(const Bytes& messageBody) {
-    return messageBody.size() < 4 ? -1 : static_cast<int32_t>(readLittleEndian32(messageBody.data()));
+    return messageBody.size() < 4 ? -1 : readInt32(messageBody, 0);
 }
 
 std::string readField(const Bytes& bytes, size_t offset, size_t size) {
@@ -58,66 +41,15 @@ std::string readField(const Bytes& bytes, size_t offset, size_t size) {
 
 int32_t readInt32(const Bytes& bytes, size_t offset) {
     const std::string field = readField(bytes, offset, 4);
-    return static_cast<int32_t>(readLittleEndian32(reinterpret_cast<const uint8_t*>(field.data())));
+    uint32_t value = 0;
+    for (int i = 3; i >= 0; --i) value = value << 8 | static_cast<uint8_t>(field[i]);
+    return static_cast<int32_t>(value);
 }
 
 std::string readText(const Bytes& bytes, size_t offset, size_t size) {
     const std::string field = readField(bytes, offset, size);
     return field.substr(0, strnlen(field.c_str(), size));
 }
-
-// ---------------------------------------------------------------------------------------------
-// FrameRecorder
-
-void FrameRecorder::onAction(char* frame, void* user) {
-    FrameRecorder* self = static_cast<FrameRecorder*>(user);
-    std::shared_ptr<std::function<void(char*)>> inside;
-    {
-        std::lock_guard<std::mutex> guard(self->m_mutex);
-        inside = self->m_inside;
-    }
-    if (inside) {
-        (*inside)(frame);
-    }
-    std::lock_guard<std::mutex> guard(self->m_mutex);
-    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(frame);
-    self->m_frames.push_back(frame == nullptr ? Bytes() : Bytes(bytes, bytes + 4 + readLittleEndian32(bytes)));
-    self->m_changed.notify_all();
-}
-
-void FrameRecorder::setInside(std::function<void(char* frame)> inside) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_inside = std::make_shared<std::function<void(char*)>>(std::move(inside));
-}
-
-bool FrameRecorder::waitFor(int32_t actionID, size_t count, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return static_cast<size_t>(std::count_if(m_frames.begin(), m_frames.end(), [&](const Bytes& frame) {
-                   return actionID < 0 || idOf(frame) == actionID;
-               })) >= count;
-    });
-}
-
-std::vector<Bytes> FrameRecorder::frames() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_frames;
-}
-
-std::vector<int32_t> FrameRecorder::ids() const {
-    std::vector<int32_t> result;
-    for (const Bytes& frame : frames()) result.push_back(idOf(frame));
-    return result;
-}
-
-void FrameRecorder::clear() {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_frames.clear();
-    m_inside.reset();
-}
-
-// ---------------------------------------------------------------------------------------------
-// FakeService
 
 FakeService::FakeService() {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -146,23 +78,11 @@ FakeService::~FakeService() {
     }
 }
 
-void FakeService::answer(int32_t actionID, const Bytes& replyBody, int delayMs) {
-    on(actionID, [replyBody, delayMs](const Bytes&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
-        return std::vector<Bytes>{replyBody};
-    });
-}
-
-// A client's connect can complete before this side has accepted it: these wait for the accept.
+// A client's connect can complete before this side has accepted it: this waits for the accept.
 bool FakeService::sendRaw(const Bytes& bytes) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_clientFd >= 0; }) &&
            writeAll(bytes.data(), bytes.size());
-}
-
-void FakeService::closeConnection(bool reset) {
-    waitLocked(5000, [&] { return m_clientFd >= 0; });
-    dropClient(reset);
 }
 
 std::vector<Bytes> FakeService::received(int32_t actionID) const {
@@ -247,7 +167,7 @@ bool FakeService::readFromClient(int fd) {
         m_inbox.insert(m_inbox.end(), chunk, chunk + got);
         size_t used = 0;
         while (m_inbox.size() - used >= 4) {
-            const uint32_t length = readLittleEndian32(m_inbox.data() + used);
+            const auto length = static_cast<uint32_t>(readInt32(m_inbox, used));
             if (m_inbox.size() - used - 4 < length) {
                 break;
             }

@@ -14,7 +14,6 @@
 #include <functional>
 #include <initializer_list>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -81,28 +80,6 @@ int32_t readInt32(const Bytes& bytes, size_t offset);
 // A text field up to its terminator.
 std::string readText(const Bytes& bytes, size_t offset, size_t size);
 
-// What a link's action callback is given, frame by frame: each frame whole (length word first), the
-// null frame as an empty entry. A step set with setInside runs inside the callback first, on the
-// callback's thread. Any thread may call its methods.
-class FrameRecorder {
-public:
-    static void onAction(char* frame, void* user);
-    void setInside(std::function<void(char* frame)> inside);
-    // Waits until `count` frames (or, with an ID, frames of that action ID; 0 = null) have arrived.
-    bool waitFor(size_t count, int timeoutMs = 8000) { return waitFor(-1, count, timeoutMs); }
-    bool waitFor(int32_t actionID, size_t count, int timeoutMs);
-    std::vector<Bytes> frames() const;
-    // Action IDs in arrival order; 0 marks the null frame.
-    std::vector<int32_t> ids() const;
-    void clear();
-
-private:
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Bytes> m_frames;
-    std::shared_ptr<std::function<void(char*)>> m_inside;  // shared: a step keeps its state
-};
-
 class FakeService {
 public:
     static constexpr int kPort = 20014;
@@ -121,8 +98,10 @@ public:
 
     // Scripts the answers to every request with this action ID (replacing an earlier script).
     void on(int32_t actionID, Handler handler) { locked([&] { m_handlers[actionID] = std::move(handler); }); }
-    // Shorthand: answer every such request with this body, optionally delayMs late.
-    void answer(int32_t actionID, const Bytes& replyBody, int delayMs = 0);
+    // Shorthand: answer every such request with this body.
+    void answer(int32_t actionID, const Bytes& replyBody) {
+        on(actionID, [replyBody](const Bytes&) { return std::vector<Bytes>{replyBody}; });
+    }
 
     // Sends one frame carrying body to the connected client. This and the following three wait
     // (up to 5 s) for a connection that the client has made but this side not yet accepted.
@@ -130,7 +109,10 @@ public:
     // Sends bytes as they are (fragments, bad length words).
     bool sendRaw(const Bytes& bytes);
     // Ends the current connection with an orderly close, or with a reset.
-    void closeConnection(bool reset = false);
+    void closeConnection(bool reset = false) {
+        waitLocked(5000, [&] { return m_clientFd >= 0; });
+        dropClient(reset);
+    }
     // While stalled the service reads nothing, so the client's requests fill the socket buffers.
     void stallReading(bool stalled) { locked([&] { m_stalled = stalled; }); }
 
