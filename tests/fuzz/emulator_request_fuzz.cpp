@@ -18,7 +18,6 @@
 
 #include "CommonLib/LogSink.h"
 #include "Service.h"
-#include "ServiceCodes.h"
 #include "support/LogCapture.h"
 #include "support/MessageGoldens.h"
 #include "support/TempDir.h"
