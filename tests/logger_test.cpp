@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <ctime>
-#include <regex>
 #include <thread>
 #include <utility>
 
@@ -30,8 +30,10 @@ std::string stampAt(const std::string& line, size_t at, time_t before) {
         struct tm local = {};
         char head[32];
         const size_t size = strftime(head, sizeof(head), "[%Y-%m-%d %H:%M:%S.", localtime_r(&t, &local));
-        matched = stamp.compare(0, size, head) == 0 &&
-                  std::regex_match(stamp.substr(std::min(size, stamp.size())), std::regex("(0|[1-9][0-9]{0,2})\\]"));
+        const std::string millis = stamp.substr(std::min(size, stamp.size()));
+        const int value = atoi(millis.c_str());
+        matched = stamp.compare(0, size, head) == 0 && millis == std::to_string(value) + "]" && value >= 0 &&
+                  value < 1000;
     }
     EXPECT_TRUE(matched) << "stamp at " << at << " in " << line;
     return stamp;
