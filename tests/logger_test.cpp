@@ -19,12 +19,6 @@ using namespace pelktest;
 
 namespace {
 
-// LogCapture drops priority and tag; this sink keeps them. Only single-threaded tests use it.
-std::vector<std::string> g_tagged;
-void recordWithTag(int priority, const char* tag, const char* text) {
-    g_tagged.push_back(std::to_string(priority) + " " + tag + " " + text);
-}
-
 const ZTLogger* logger() { return ZTLogger::getDefaultLogger(); }
 
 // The "[YYYY-MM-DD hh:mm:ss.ms]" stamp at `at` in line: zero-padded fields, unpadded
@@ -74,10 +68,8 @@ TEST(LoggerOutput, ModeChoosesOutputsLevelFiltersAndEveryLineIsDebugPriorityTagZ
         const std::string path = dir.file("zt.log");
         LogCapture capture("loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) +
                            "\nloggerFile=" + path + "\n");
-        setAndroidLogSinkForTesting(recordWithTag);
-        g_tagged.clear();
         for (int written = 0; written <= 3; ++written) logger()->printf(written, "f.cpp", 1, "fn", "at %d", written);
-        const std::vector<std::string> seen = std::exchange(g_tagged, {});
+        const std::vector<std::string> seen = capture.lines();
         const std::string fileText = readFile(path);
         ASSERT_EQ(seen.size(), (mode & 1) != 0 ? level + 2u : 1u);  // after the init line, which every mode writes
         auto head = [](int i) { return std::string(1, "EWID"[i]) + "/fn(   1): at " + std::to_string(i) + " \n"; };
@@ -95,7 +87,8 @@ TEST(LoggerFormat, LinesFollowTheLayoutWithBaseNameAndCutMessage) {
     logger()->printf(ZT_LOG_WARNING, "C:\\src\\y/main.cpp", 7, "fmtCheck", "hello %d", 42);  // shows y/main.cpp
     std::vector<std::string> lines = capture.lines();
     ASSERT_EQ(lines.size(), 2u);
-    for (const auto& form : {std::make_pair(lines[1], 10), std::make_pair(readFile(path), 32)}) {
+    // Priority and tag (checked above) are left out of the Android line.
+    for (const auto& form : {std::make_pair(lines[1].substr(5), 10), std::make_pair(readFile(path), 32)}) {
         const std::string prefix = "W/fmtCheck(   7): hello 42 \n" + std::string(form.second, '\t') + "[UnitName]";
         EXPECT_EQ(form.first, prefix + stampAt(form.first, prefix.size(), before) + "<y/main.cpp>\n");
     }
@@ -104,25 +97,29 @@ TEST(LoggerFormat, LinesFollowTheLayoutWithBaseNameAndCutMessage) {
                                Print{&ZTLogger::printInfo, "I"}, Print{&ZTLogger::printDebug, "D"}}) {
         capture.clear();
         (logger()->*print.first)("short");
-        const std::string line = capture.lines().at(0), fileText = readFile(path);
+        const std::string line = capture.lines().at(0).substr(5), fileText = readFile(path);
         EXPECT_EQ(line, stampAt(line, 0, before) + "[UnitName][" + print.second + "][short]\n");
         EXPECT_EQ(fileText.substr(fileText.size() - line.size()), line);
     }
     logger()->printf(ZT_LOG_ERROR, "/src/a.cpp", 12345, "fn", "%s", std::string(300, 'x').c_str());
     const std::string line = capture.lines().back();  // the message cut to 239 characters
-    EXPECT_EQ(line.rfind("E/fn(12345): " + std::string(239, 'x') + " \n\t", 0), 0u);
+    EXPECT_EQ(line.rfind("3 zT E/fn(12345): " + std::string(239, 'x') + " \n\t", 0), 0u);
     EXPECT_EQ(line.substr(line.size() - 8), "<a.cpp>\n");
 }
 
 TEST(LoggerLifecycle, QuietWithoutPropertiesThenTruncatesItsFileOrFallsBack) {
-    setAndroidLogSinkForTesting(recordWithTag);
-    ZTLogger::destroyDefaultLogger();  // outside a LogCapture there is no property file
-    g_tagged.clear();
-    ZT_LOG(ZT_LOG_ERROR, "not written");
-    logger()->printError("nor this");
-    ZTLogger::destroyDefaultLogger();
-    EXPECT_EQ(g_tagged, (std::vector<std::string>{"3 zT [SYSTEM]: Init for Logger.\n",
-                                                  "3 zT [SYSTEM]: Destroy Logger.\n", "3 zT ZTLogger destroyed.\n"}));
+    {
+        LogCapture quiet;
+        setPropertyFilePathForTesting(kQuietPropertyFile);  // as on a device without one
+        ZTLogger::destroyDefaultLogger();
+        quiet.clear();
+        ZT_LOG(ZT_LOG_ERROR, "not written");
+        logger()->printError("nor this");
+        ZTLogger::destroyDefaultLogger();
+        EXPECT_EQ(quiet.lines(), (std::vector<std::string>{"3 zT [SYSTEM]: Init for Logger.\n",
+                                                           "3 zT [SYSTEM]: Destroy Logger.\n",
+                                                           "3 zT ZTLogger destroyed.\n"}));
+    }
 
     // A file that cannot be opened falls back to the Android log; one that can is written afresh.
     TempDir dir;
@@ -132,7 +129,7 @@ TEST(LoggerLifecycle, QuietWithoutPropertiesThenTruncatesItsFileOrFallsBack) {
         ZT_LOG(ZT_LOG_ERROR, "still here");
         EXPECT_EQ(ZTLoggerConfig::getInstance()->getMode(), 1);
         ASSERT_EQ(capture.lines().size(), 3u);
-        EXPECT_EQ(capture.lines()[1], "[SYSTEM]: Cannot open file:" + missing + " for writting!\n");
+        EXPECT_EQ(capture.lines()[1], "3 zT [SYSTEM]: Cannot open file:" + missing + " for writting!\n");
         EXPECT_NE(capture.lines()[2].find("): still here \n"), std::string::npos);
     }
     LogCapture capture("loggerMode=2\nloggerFile=" + path + "\n");

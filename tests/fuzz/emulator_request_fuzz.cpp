@@ -1,17 +1,16 @@
 // Random bytes as one connection's stream into the emulator's request path: framing, decoding,
 // every handler, and the transfers and events they start, beside a registered peer app.
-// Each input runs in the same small folder tree, which the emulator may not leave (its file root),
-// so file sends, copies and uploads stay inside it; the tree is made afresh for every input.
+// Each input runs in a small folder tree of its own (a media folder and the two apps' receive
+// folders), which the emulator may not leave (its file root), so file sends, copies and uploads stay
+// inside it.
 //
 // With PELK_FUZZ_SEEDS=DIR in the environment, the target first writes its seeds there: short
 // sessions of real requests, the message tests' golden bodies (tools/fuzz.sh uses this).
-#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -19,8 +18,9 @@
 
 #include "CommonLib/LogSink.h"
 #include "Service.h"
-#include "ServiceCodes.h"
+#include "support/LogCapture.h"
 #include "support/MessageGoldens.h"
+#include "support/TempDir.h"
 
 using namespace PELK;
 using namespace PELK::Emulator;
@@ -71,52 +71,39 @@ void writeSeeds(const std::string& folder) {
     }
 }
 
-std::string g_root;
 std::string g_cwd;  // libFuzzer reads its corpus and writes its findings relative to it
-
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
-// Every input starts from a tree of its own: a media folder and the two apps' receive folders.
-void makeTree() {
-    nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-    for (const char* folder : {"", "/media", "/media/Music", "/inbox", "/peer"}) {
-        mkdir((g_root + folder).c_str(), 0755);
-    }
-    std::ofstream(g_root + "/media/notes.txt", std::ios::binary) << "notes";
-    std::ofstream(g_root + "/media/Music/track.mp3", std::ios::binary) << std::string(3000, 'm');
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    Common::setPropertyFilePathForTesting("/nonexistent/pelk-fuzz/log.properties");
+    Common::setPropertyFilePathForTesting(pelktest::kQuietPropertyFile);
     const char* seedFolder = getenv("PELK_FUZZ_SEEDS");
     if (seedFolder != nullptr) {
         writeSeeds(seedFolder);
     }
     // Memory-backed when there is such a folder: every input writes and removes files.
-    std::string base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    base += "/pelk-emulator-fuzz-XXXXXX";
-    if (mkdtemp(&base[0]) == nullptr) {
-        perror("mkdtemp");
-        abort();
+    if (access("/dev/shm", W_OK) == 0) {
+        setenv("TMPDIR", "/dev/shm", 1);
     }
-    g_root = base;
     char cwd[PATH_MAX];
     g_cwd = getcwd(cwd, sizeof(cwd)) != nullptr ? cwd : "/";
-    atexit([] { nftw(g_root.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS); });
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    makeTree();
-    if (chdir(g_root.c_str()) != 0) {
+    pelktest::TempDir root;
+    for (const char* folder : {"media", "media/Music", "inbox", "peer"}) {
+        mkdir(root.file(folder).c_str(), 0755);
+    }
+    root.write("media/notes.txt", "notes");
+    root.write("media/Music/track.mp3", std::string(3000, 'm'));
+    if (chdir(root.path().c_str()) != 0) {
         abort();
     }
     QuietHost host;
     ServiceConfig config;
-    config.mediaFolder = g_root + "/media";
-    config.fileRoot = g_root;
+    config.mediaFolder = root.file("media");
+    config.fileRoot = root.path();
     config.nRateBytesPerSecond = 20 * 1024;  // 1 KiB chunks: a few steps per file, each with its events
     {
         Service service(config, host);

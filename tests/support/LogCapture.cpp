@@ -15,9 +15,9 @@ namespace {
 std::mutex g_linesMutex;
 std::vector<std::string> g_lines;
 
-void recordLine(int, const char*, const char* text) {
+void recordLine(int priority, const char* tag, const char* text) {
     std::lock_guard<std::mutex> guard(g_linesMutex);
-    g_lines.emplace_back(text);
+    g_lines.push_back(std::to_string(priority) + " " + tag + " " + text);
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // Every line written so far (each a whole line as the logger built it).
+    // Every line written so far: its priority, its tag and the whole line as the logger built it,
+    // one space apart.
     std::vector<std::string> lines() const;
     // Number of lines containing fragment.
     size_t count(const std::string& fragment) const;
