@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <functional>
 #include <iterator>
@@ -49,7 +48,6 @@ public:
         const Bytes whole = frame == nullptr ? Bytes() : Bytes(at, at + 4 + readInt32(Bytes(at, at + 4), 0));
         lock.lock();
         self->m_frames.push_back(whole);
-        self->m_changed.notify_all();
     }
     void setInside(std::function<void(char* frame)> inside) {
         std::lock_guard<std::mutex> guard(m_mutex);
@@ -57,8 +55,10 @@ public:
     }
     // Waits until `count` frames have arrived.
     bool waitFor(size_t count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(8), [&] { return m_frames.size() >= count; });
+        return waitUntil([&] {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            return m_frames.size() >= count;
+        }, 8000);
     }
     std::vector<Bytes> frames() const {
         std::lock_guard<std::mutex> guard(m_mutex);
@@ -78,7 +78,6 @@ public:
 
 private:
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<Bytes> m_frames;
     std::function<void(char*)> m_inside;
 };
