@@ -135,9 +135,6 @@ TEST(OsalSockets, SendAndReceiveTimeOutReportingBytesSoFar) {
         return std::to_string(result) + " " + std::to_string(received) + " " +
                std::string(buffer, std::max(received, 0));
     };
-    link.peerWrites("abc");
-    link.peerWrites("defg");
-    EXPECT_EQ(receive(7), "1 7 abcdefg");
     link.peerWrites("xyz");
     EXPECT_EQ(timed(0.9, [&] { return receive(10); }), "0 3 xyz");
     link.peerWrites("pq");  // peeking reads without consuming
@@ -166,15 +163,11 @@ TEST(OsalSockets, InvalidHandlesGetTheirCodes) {
 // Pending input is neither consumed by the checks nor in the way of sending.
 TEST(OsalSockets, ReadinessConnectedStateAndPendingInput) {
     Link link;
-    EXPECT_TRUE(Osal::osal_socketAvailable(link.mine));
-    EXPECT_EQ(timed(0.15, [&] { return Osal::osal_socketReadable(link.mine, 0, 200000); }), 0);
-    EXPECT_GT(Osal::osal_socketWritable(link.mine, 1), 0);
     EXPECT_TRUE(Osal::osal_socketConnected(link.mine, 1));
     std::thread writer([&link] { pelktest::sleepMs(100); link.peerWrites("w"); });
     EXPECT_GT(Osal::osal_socketReadable(link.mine, -1, 0), 0);
     writer.join();
     EXPECT_TRUE(Osal::osal_socketConnected(link.mine, 1));
-    EXPECT_TRUE(Osal::osal_socketAvailable(link.mine));
     EXPECT_EQ(Osal::osal_sendn(link.mine, "hello", 5, 0, 1, nullptr), 1);
     EXPECT_EQ(Osal::osal_simple_sendn(link.mine, "!", 1, 0, 1, nullptr), 1);
     EXPECT_EQ(drain(link.peer), "hello!");
