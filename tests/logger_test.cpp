@@ -60,7 +60,7 @@ TEST(LoggerProperties, ParsesLinesByTheirRules) {
     }
 }
 
-TEST(LoggerOutput, ModeChoosesOutputsLevelFiltersAndEveryLineIsDebugPriorityTagZt) {
+TEST(LoggerOutput, ModeChoosesOutputsAndLevelFiltersLines) {
     for (int mode = 0; mode <= 3; ++mode) {
         const int level = (mode + 3) % 4;  // mode 0 with level 3: off means off
         SCOPED_TRACE(mode);
@@ -69,11 +69,9 @@ TEST(LoggerOutput, ModeChoosesOutputsLevelFiltersAndEveryLineIsDebugPriorityTagZ
         LogCapture capture("loggerMode=" + std::to_string(mode) + "\nloggerLevel=" + std::to_string(level) +
                            "\nloggerFile=" + path + "\n");
         for (int written = 0; written <= 3; ++written) logger()->printf(written, "f.cpp", 1, "fn", "at %d", written);
-        const std::vector<std::string> seen = capture.lines();
         const std::string fileText = readFile(path);
-        ASSERT_EQ(seen.size(), (mode & 1) != 0 ? level + 2u : 1u);  // after the init line, which every mode writes
+        ASSERT_EQ(capture.lines().size(), (mode & 1) != 0 ? level + 2u : 1u);  // plus the init line, in every mode
         auto head = [](int i) { return std::string(1, "EWID"[i]) + "/fn(   1): at " + std::to_string(i) + " \n"; };
-        for (int i = 1; i < static_cast<int>(seen.size()); ++i) EXPECT_EQ(seen[i].rfind("3 zT " + head(i - 1), 0), 0u);
         for (int i = 0; i <= 3; ++i) EXPECT_EQ(fileText.find(head(i)) != std::string::npos, mode >= 2 && i <= level);
         EXPECT_EQ(access(path.c_str(), F_OK) == 0, mode >= 2);
     }
@@ -87,7 +85,7 @@ TEST(LoggerFormat, LinesFollowTheLayoutWithBaseNameAndCutMessage) {
     logger()->printf(ZT_LOG_WARNING, "C:\\src\\y/main.cpp", 7, "fmtCheck", "hello %d", 42);  // shows y/main.cpp
     std::vector<std::string> lines = capture.lines();
     ASSERT_EQ(lines.size(), 2u);
-    // Priority and tag (checked above) are left out of the Android line.
+    // Priority and tag (the lifecycle and fatal tests check them) are left out of the Android line.
     for (const auto& form : {std::make_pair(lines[1].substr(5), 10), std::make_pair(readFile(path), 32)}) {
         const std::string prefix = "W/fmtCheck(   7): hello 42 \n" + std::string(form.second, '\t') + "[UnitName]";
         EXPECT_EQ(form.first, prefix + stampAt(form.first, prefix.size(), before) + "<y/main.cpp>\n");
