@@ -38,15 +38,12 @@ const Character kCharacters[] = {
     {"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
 };
 
-// Both ways for every character; a lone surrogate becomes U+FFFD, and U+0000 is the byte 0 both
-// ways, never the VM's C0 80.
+// Every character both ways, all in one text; a lone surrogate becomes U+FFFD, and U+0000 is the
+// byte 0 both ways, never the VM's C0 80.
 TEST(TextConversionTest, EveryByteLengthConvertsBothWaysAndLoneSurrogatesAreReplaced) {
     std::string allBytes = std::string("A\0B", 3);
     Units allUnits = {'A', 0, 'B'};
     for (const Character& c : kCharacters) {
-        SCOPED_TRACE(c.bytes);
-        EXPECT_EQ(encode(c.units), c.bytes);
-        EXPECT_EQ(decode(c.bytes), c.units);
         allBytes += c.bytes;
         allUnits = plus(allUnits, c.units);
     }
