@@ -119,8 +119,6 @@ protected:
 TEST_F(EndToEndTest, AppsFindEachOtherDataFlowsBothWaysAndAKilledAppIsRemoved) {
     ASSERT_TRUE(alice->awaitOutput("app joined: \"tester\" 127.0.0.1:", kWaitMs));
     const InteractionApp alicesRecord = appNamed("alice");
-    EXPECT_EQ(11, alicesRecord.nType);
-
     EXPECT_EQ(0, agent.sendData("hello alice", 11, &alicesRecord, false, 10));
     EXPECT_TRUE(alice->awaitOutput("data from \"tester\" 127.0.0.1:" + std::to_string(agent.getAppID()) +
                                    " (tcp, 11 bytes): hello alice"));
@@ -170,7 +168,6 @@ TEST_F(EndToEndTest, ASendPausesResumesAndCancelsAndAReceiverCancelsToo) {
     ASSERT_EQ(0, agent.cancelSend(taskID));
     ASSERT_TRUE(alice->awaitOutput("transfer " + std::to_string(taskID) + " cancelled", kWaitMs));
     EXPECT_NE(0, access(dir.file("alice/big.bin").c_str(), F_OK));  // the partial copy is gone
-    EXPECT_EQ(RESULT_UNKNOWN_TASK, agent.pauseSend(taskID));
 
     // bob sends to this agent, which cancels once it hears of the transfer.
     ChildProcess bob({PELK_CLI, "send-file", "--name", "bob", "--to", "tester", big[0]}, dir.file("bob.out"));
