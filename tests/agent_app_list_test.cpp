@@ -41,7 +41,6 @@ TEST(AgentAppListTest, KeysEachLessThanTheOtherBehaveAsTheOrOrderingMakesThem) {
     EXPECT_EQ((std::vector<std::string>{"second", "first"}), listed(list));
     EXPECT_EQ(1, list.exist(first));
     EXPECT_EQ(0, list.exist(second));
-    EXPECT_EQ(0, list.exist("10.0.0.1", 2, 3));
 }
 
 // Keys are the type, the app ID and the address cut to fifteen characters; name and MAC are not.
