@@ -443,6 +443,23 @@ TEST_F(TransferClientTest, ADerivedSocketClientHearsTheReceiverThroughItsHooks) 
     EXPECT_EQ(OSAL_INVALID_SOCKET, orderly.getSocket());
 }
 
+// Lifetime: no thread may outlive the client, whatever the timing (under the sanitizers, a
+// destructor that returns before the last thread of a run has let go shows here at once).
+TEST_F(TransferClientTest, StartThenImmediateStopOrDestroyRepeatedly) {
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(client->startTransfer()) << "iteration " << i;
+        client->setActionCallBack(FrameRecorder::onAction, &events);
+        client->stopTransfer();
+        if (i % 2 == 0) {
+            client = std::make_unique<TransferClient>();  // destroy right after a stop
+        }
+    }
+    start();  // destroyed right after the loss is reported
+    service->closeConnection(true);
+    ASSERT_TRUE(events.waitFor(1));
+    client.reset();
+}
+
 // Calls from inside the callback: each would wait for the calling thread itself if it were
 // made as from any other thread. The callback replaced from inside gets no further frame; the
 // replacement clears itself, so the next frame waits for a callback set from outside.
